@@ -1,0 +1,58 @@
+// Load and unload: the tables get their start values before any client call can reach them.
+#include "core/driver_app.h"
+
+#include "core/tables.h"
+#include "port/port_control.h"
+#include "velmora.h"
+
+namespace velmora {
+
+CDriverApp &TheDriverApp() {
+  static CDriverApp app;  // no data members: nothing to construct or destroy
+  return app;
+}
+
+int CDriverApp::InitInstance() {
+  fncInitAllQueues();
+  InitHistory();
+  for (unsigned int i = 0; i < kPortCount; ++i) {
+    tagCOMPORTINFO &port = ComPortTable[i];
+    port.nDriverId = i;
+    port.pTransmitQueue = &TransmitQueues[i];
+    port.pRxFrame = &RxFrameTable[i];
+    port.pTimer = &TimerTable[i];
+    port.nPreambles = 5;
+    port.bPrimaryMaster = 1;
+    port.hComPort = NoHandle();
+    port.adwReserved[3] = 1;
+    RxFrameTable[i].nRxState = 0;
+    RxFrameTable[i].nFrameLen = 0;
+    RxFrameTable[i].nPreambleCount = 0;
+    RxFrameTable[i].bFrameValid = 0;
+    RxFrameTable[i].bRxRolePrimary = 1;
+    TimerTable[i].nDriverId = i;
+  }
+  for (tagSERVICEINFO &service : ServiceTable) {
+    service.nServiceState = 0;
+    service.bRequestSent = 0;
+  }
+  for (tagAPPINFO &app : AppTable) app.bInUse = 0;
+  return 1;
+}
+
+int CDriverApp::ExitInstance() {
+  // A worker must not run on once the library's code is gone.
+  StopAllPorts();
+  FlushHistory();
+  return 1;
+}
+
+namespace {
+
+// The library's entry and exit: the tables are zero-initialised constants, so nothing here
+// depends on the order of other initialisers.
+__attribute__((constructor)) void LoadLibrary() { TheDriverApp().InitInstance(); }
+__attribute__((destructor)) void UnloadLibrary() { TheDriverApp().ExitInstance(); }
+
+}  // namespace
+}  // namespace velmora

@@ -1,0 +1,15 @@
+// The tables themselves. Zero at load; InitInstance gives them their start values.
+#include "core/tables.h"
+
+namespace velmora {
+
+constinit tagCOMPORTINFO ComPortTable[kPortCount]{};
+constinit tagAPPINFO AppTable[kAppCount]{};
+constinit tagSERVICEINFO ServiceTable[kServiceCount]{};
+constinit typRxFrameStruct RxFrameTable[kPortCount]{};
+constinit typTimerControlStruct TimerTable[kPortCount]{};
+constinit typQueue TransmitQueues[kPortCount]{};
+constinit typQueue AppReceiveQueues[kAppCount]{};
+constinit typQueue ReceivePendingQueue{};
+
+}  // namespace velmora

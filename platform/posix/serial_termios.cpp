@@ -1,0 +1,159 @@
+// The POSIX serial backend: real ports and pseudo-terminals through termios.
+//
+// Traps it avoids: Linux raises RTS and DTR inside open(), so RTS is cleared at once; CLOCAL
+// is set and HUPCL and CRTSCTS cleared (with CRTSCTS, RTS requests "succeed" without moving the
+// pin); PARMRK stays off, since it would double every 0xFF and preambles are 0xFF; settings are
+// never verified by reading them back, because a pseudo-terminal reads odd parity back as none.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <new>
+
+#include "platform/clock.h"
+#include "platform/serial_line.h"
+
+namespace velmora::platform::os {
+namespace {
+
+speed_t SpeedOf(uint32_t baud) {
+  switch (baud) {
+    case 9600: return B9600;
+    case 19200: return B19200;
+    default: return B1200;
+  }
+}
+
+class TermiosLine final : public SerialLine {
+ public:
+  explicit TermiosLine(int fd) : fd_(fd) {}
+  ~TermiosLine() override {
+    flock(fd_, LOCK_UN);
+    close(fd_);
+  }
+
+  bool Setup() {
+    termios tio{};
+    if (tcgetattr(fd_, &tio) != 0) return Fail();
+    cfmakeraw(&tio);
+    tio.c_cflag &= ~static_cast<tcflag_t>(CSIZE | CSTOPB | HUPCL | CRTSCTS);
+    tio.c_cflag |= CS8 | PARENB | PARODD | CLOCAL | CREAD;
+    // Damaged bytes go to the parser like any other: no parity check, no marking.
+    tio.c_iflag &= ~static_cast<tcflag_t>(INPCK | PARMRK | IGNPAR | IXON | IXOFF | IXANY | ISTRIP);
+    tio.c_cc[VMIN] = 0;
+    tio.c_cc[VTIME] = 0;
+    cfsetispeed(&tio, B1200);
+    cfsetospeed(&tio, B1200);
+    if (tcsetattr(fd_, TCSANOW, &tio) != 0) return Fail();
+    return true;
+  }
+
+ private:
+  bool Fail() {
+    last_os_error_ = errno;
+    return false;
+  }
+  bool DoSetBaud(uint32_t baud) override {
+    termios tio{};
+    if (tcgetattr(fd_, &tio) != 0) return Fail();
+    cfsetispeed(&tio, SpeedOf(baud));
+    cfsetospeed(&tio, SpeedOf(baud));
+    if (tcsetattr(fd_, TCSANOW, &tio) != 0) return Fail();
+    return true;
+  }
+  bool SetModemBit(int bit, bool on) {
+    if (ioctl(fd_, on ? TIOCMBIS : TIOCMBIC, &bit) != 0) return Fail();
+    return true;
+  }
+  bool DoSetRts(bool on) override { return SetModemBit(TIOCM_RTS, on); }
+  bool DoSetDtr(bool on) override { return SetModemBit(TIOCM_DTR, on); }
+  uint32_t DoBytesWaiting() override {
+    int waiting = 0;
+    if (ioctl(fd_, FIONREAD, &waiting) != 0) {
+      Fail();
+      return 0;
+    }
+    return waiting > 0 ? static_cast<uint32_t>(waiting) : 0;
+  }
+  int32_t DoRead(uint8_t *buffer, uint32_t max) override {
+    ssize_t got = read(fd_, buffer, max);
+    if (got >= 0) return static_cast<int32_t>(got);
+    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return 0;
+    Fail();
+    return -1;
+  }
+  int32_t DoWrite(const uint8_t *bytes, uint32_t count) override {
+    uint32_t done = 0;
+    while (done < count) {
+      ssize_t put = write(fd_, bytes + done, count - done);
+      if (put > 0) {
+        done += static_cast<uint32_t>(put);
+      } else if (put < 0 && errno == EINTR) {
+        continue;
+      } else {
+        if (put < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
+          Fail();
+          if (done == 0) return -1;
+        }
+        break;
+      }
+    }
+    return static_cast<int32_t>(done);
+  }
+  bool DoWaitDrained(uint32_t bound_ms) override {
+    // tcdrain() has no bound, so poll the output queue instead.
+    uint32_t start = NowMs();
+    for (;;) {
+      int queued = 0;
+      if (ioctl(fd_, TIOCOUTQ, &queued) != 0) return Fail();
+      if (queued <= 0) return true;
+      if (ElapsedMs(NowMs(), start) >= bound_ms) return false;
+      SleepMs(1);
+    }
+  }
+  void DoPurge() override { tcflush(fd_, TCIOFLUSH); }
+
+  int fd_;
+};
+
+}  // namespace
+
+OpenedLine OpenTermiosLine(const std::string &path) {
+  int fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    int error = errno;
+    LineStatus status = (error == ENOENT || error == ENXIO || error == ENODEV) ? LineStatus::kNotFound
+                        : (error == EBUSY)                                   ? LineStatus::kBusy
+                                                                             : LineStatus::kOsError;
+    return OpenedLine{nullptr, status, error};
+  }
+  // Exclusive: TIOCEXCL keeps other opens out (except root's), the lock keeps out other masters.
+  if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    int error = errno;
+    close(fd);
+    return OpenedLine{nullptr, LineStatus::kBusy, error};
+  }
+  if (!isatty(fd)) {
+    flock(fd, LOCK_UN);
+    close(fd);
+    return OpenedLine{nullptr, LineStatus::kNotSerial, ENOTTY};
+  }
+  ioctl(fd, TIOCEXCL);
+  // Linux raised RTS and DTR in open(); a HART modem transmits while RTS is up.
+  int rts = TIOCM_RTS;
+  ioctl(fd, TIOCMBIC, &rts);
+  auto *line = new (std::nothrow) TermiosLine(fd);
+  if (!line) {
+    close(fd);
+    return OpenedLine{nullptr, LineStatus::kOsError, ENOMEM};
+  }
+  std::unique_ptr<SerialLine> owned(line);
+  if (!line->Setup()) return OpenedLine{nullptr, LineStatus::kOsError, line->LastOsError()};
+  owned->SetBaud(1200);
+  return OpenedLine{std::move(owned), LineStatus::kOk, 0};
+}
+
+}  // namespace velmora::platform::os

@@ -1,0 +1,71 @@
+// The serial line: what the port layer needs of a serial device, with one contract for every
+// backend (POSIX termios for real ports and pseudo-terminals, the in-memory line for tests).
+#ifndef VELMORA_PLATFORM_SERIAL_LINE_H
+#define VELMORA_PLATFORM_SERIAL_LINE_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace velmora::platform {
+
+// Whose fault a failure was, with the OS error kept for the trace.
+enum class LineStatus { kOk, kNotFound, kBusy, kNotSerial, kOsError, kBadArgument };
+
+const char *LineStatusText(LineStatus status);
+
+class SerialLine {
+ public:
+  virtual ~SerialLine() = default;
+
+  // 1200, 9600 or 19200 baud; 8 data bits, odd parity, 1 stop bit, raw, no flow control.
+  bool SetBaud(uint32_t baud);
+  uint32_t Baud() const { return baud_; }
+  // An RTS or DTR request the device refuses (a pseudo-terminal) reports false; callers ignore it.
+  bool SetRts(bool on) { return DoSetRts(on); }
+  bool SetDtr(bool on) { return DoSetDtr(on); }
+  // Bytes waiting in the input.
+  uint32_t BytesWaiting() { return DoBytesWaiting(); }
+  // Reads up to max bytes without blocking; 0 when none wait, -1 on a device error.
+  int32_t Read(uint8_t *buffer, uint32_t max);
+  // Starts writing; may return before the bytes have left. Bytes accepted, -1 on error.
+  int32_t Write(const uint8_t *bytes, uint32_t count);
+  // Waits until the output has drained, at most bound_ms. True when drained.
+  bool WaitDrained(uint32_t bound_ms) { return DoWaitDrained(bound_ms); }
+  // Drops all unsent output and unread input.
+  void Purge() { DoPurge(); }
+  int LastOsError() const { return last_os_error_; }
+
+ protected:
+  int last_os_error_ = 0;
+
+ private:
+  virtual bool DoSetBaud(uint32_t baud) = 0;
+  virtual bool DoSetRts(bool on) = 0;
+  virtual bool DoSetDtr(bool on) = 0;
+  virtual uint32_t DoBytesWaiting() = 0;
+  virtual int32_t DoRead(uint8_t *buffer, uint32_t max) = 0;
+  virtual int32_t DoWrite(const uint8_t *bytes, uint32_t count) = 0;
+  virtual bool DoWaitDrained(uint32_t bound_ms) = 0;
+  virtual void DoPurge() = 0;
+
+  uint32_t baud_ = 0;
+};
+
+struct OpenedLine {
+  std::unique_ptr<SerialLine> line;
+  LineStatus status = LineStatus::kOk;
+  int os_error = 0;
+};
+
+// Opens a device by name, exclusively. "mem:NAME" is the first end of the in-memory line NAME;
+// anything else is a device path for the OS backend. The line rests with RTS off.
+OpenedLine OpenSerialLine(const std::string &device);
+
+namespace os {
+OpenedLine OpenTermiosLine(const std::string &path);
+}
+
+}  // namespace velmora::platform
+
+#endif

@@ -1,0 +1,81 @@
+// Queue guards, one per table queue, found by the queue's address.
+#include "queues/queue_guard.h"
+
+#include "core/tables.h"
+
+namespace velmora {
+namespace {
+
+constinit QueueGuard g_transmit_guards[kPortCount];
+constinit QueueGuard g_receive_guards[kAppCount];
+constinit QueueGuard g_pending_guard;
+
+std::uintptr_t ThisThreadTag() {
+  static thread_local char tag;
+  return reinterpret_cast<std::uintptr_t>(&tag);
+}
+
+}  // namespace
+
+void QueueGuard::Acquire() {
+  const std::uintptr_t me = ThisThreadTag();
+  if (owner_.load(std::memory_order_acquire) == me) return;
+  for (;;) {
+    uint32_t expected = 0;
+    if (held_.compare_exchange_weak(expected, 1, std::memory_order_acquire)) {
+      owner_.store(me, std::memory_order_release);
+      return;
+    }
+    held_.wait(1, std::memory_order_relaxed);
+  }
+}
+
+bool QueueGuard::TryAcquire() {
+  uint32_t expected = 0;
+  if (!held_.compare_exchange_strong(expected, 1, std::memory_order_acquire)) return false;
+  owner_.store(ThisThreadTag(), std::memory_order_release);
+  return true;
+}
+
+void QueueGuard::Release() {
+  owner_.store(0, std::memory_order_release);
+  held_.store(0, std::memory_order_release);
+  held_.notify_all();
+}
+
+QueueGuard *GuardOf(const typQueue *queue) {
+  if (queue >= &TransmitQueues[0] && queue < &TransmitQueues[kPortCount])
+    return &g_transmit_guards[queue - &TransmitQueues[0]];
+  if (queue >= &AppReceiveQueues[0] && queue < &AppReceiveQueues[kAppCount])
+    return &g_receive_guards[queue - &AppReceiveQueues[0]];
+  if (queue == &ReceivePendingQueue) return &g_pending_guard;
+  return nullptr;
+}
+
+void LockQueue(typQueue *queue) {
+  if (QueueGuard *guard = GuardOf(queue)) guard->Acquire();
+  queue->bLocked = 1;
+}
+
+void UnlockQueue(typQueue *queue) {
+  queue->bLocked = 0;
+  if (QueueGuard *guard = GuardOf(queue)) guard->Release();
+}
+
+bool TryTakeQueue(typQueue *queue) {
+  if (queue->bLocked.load() != 0) return false;
+  QueueGuard *guard = GuardOf(queue);
+  if (guard && !guard->TryAcquire()) return false;
+  // A client may have set the word between the test and the take.
+  if (queue->bLocked.load() != 0) {
+    if (guard) guard->Release();
+    return false;
+  }
+  return true;
+}
+
+void GiveQueue(typQueue *queue) {
+  if (QueueGuard *guard = GuardOf(queue)) guard->Release();
+}
+
+}  // namespace velmora
