@@ -16,10 +16,10 @@ unsigned int BuiltFrameLength(const tagCOMPORTINFO &port, const tagHARTREQUEST &
   return PreamblesFor(port) + header + (request.nDataCount & 0xFF) + 1;
 }
 
-unsigned int BuildHartFrame(const tagCOMPORTINFO *pPort, const tagHARTREQUEST *pRequest,
-                            unsigned int *pnLength, unsigned char *pOut) {
-  const unsigned int preambles = PreamblesFor(*pPort);
-  const unsigned char master_bit = pPort->bPrimaryMaster.load() != 0 ? 0x80 : 0x00;
+namespace {
+
+void Build(unsigned int preambles, unsigned char master_bit, const tagHARTREQUEST *pRequest,
+           unsigned int *pnLength, unsigned char *pOut) {
   unsigned int at = 0;
   for (unsigned int i = 0; i < preambles; ++i) pOut[at++] = kPreamble;
   const unsigned int frame_start = at;
@@ -41,7 +41,27 @@ unsigned int BuildHartFrame(const tagCOMPORTINFO *pPort, const tagHARTREQUEST *p
   for (unsigned int i = frame_start; i < at; ++i) checksum ^= pOut[i];
   pOut[at++] = checksum;
   *pnLength = at;
+}
+
+unsigned char MasterBit(const tagCOMPORTINFO &port) { return port.bPrimaryMaster.load() != 0 ? 0x80 : 0x00; }
+
+}  // namespace
+
+unsigned int BuildHartFrame(const tagCOMPORTINFO *pPort, const tagHARTREQUEST *pRequest,
+                            unsigned int *pnLength, unsigned char *pOut) {
+  Build(PreamblesFor(*pPort), MasterBit(*pPort), pRequest, pnLength, pOut);
   return 1;
+}
+
+bool BuildFrameChecked(const tagCOMPORTINFO &port, const tagHARTREQUEST &request, unsigned char *pOut,
+                       unsigned int capacity, unsigned int *pnLength) {
+  // One reading of the settings, so that a change between the check and the build can't
+  // make the frame longer than was checked.
+  const unsigned int preambles = PreamblesFor(port);
+  const unsigned int header = request.nAddressFormat == 2 ? 8 : 4;
+  if (preambles + header + (request.nDataCount & 0xFF) + 1 > capacity) return false;
+  Build(preambles, MasterBit(port), &request, pnLength, pOut);
+  return true;
 }
 
 unsigned int ExtractReplyData(unsigned int nLength, const unsigned char *pFrame, unsigned int *pnDataLen,

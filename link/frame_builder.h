@@ -28,6 +28,11 @@ unsigned int BuiltFrameLength(const tagCOMPORTINFO &port, const tagHARTREQUEST &
 unsigned int BuildHartFrame(const tagCOMPORTINFO *pPort, const tagHARTREQUEST *pRequest,
                             unsigned int *pnLength, unsigned char *pOut);
 
+// Builds the frame into pOut only if it fits `capacity` bytes, reading the port's settings once;
+// false (nothing written) for a frame that would not fit.
+bool BuildFrameChecked(const tagCOMPORTINFO &port, const tagHARTREQUEST &request, unsigned char *pOut,
+                       unsigned int capacity, unsigned int *pnLength);
+
 // Takes a received frame (from the delimiter, nLength bytes through the checksum) apart: the
 // command and the data bytes (status bytes included). pOut holds at least 255 bytes. Always 1.
 unsigned int ExtractReplyData(unsigned int nLength, const unsigned char *pFrame, unsigned int *pnDataLen,

@@ -1,8 +1,170 @@
-// Port control. Until ports can be opened there is nothing to stop at unload.
+// Ports as platform objects: open the device for HART (8 data bits, odd parity, 1 stop bit, RTS
+// and DTR by hand), start the worker and wait for its start-up, change the rate, and close
+// again with a bounded wait for the worker.
 #include "port/port_control.h"
 
-namespace velmora {
+#include "core/tables.h"
+#include "platform/clock.h"
+#include "platform/port_names.h"
+#include "port/frame_handover.h"
+#include "port/port_runtime.h"
+#include "port/worker.h"
 
-void StopAllPorts() {}
+namespace velmora {
+namespace {
+
+HANDLE HandleOf(const platform::SerialLine *line) {
+  return reinterpret_cast<HANDLE>(const_cast<platform::SerialLine *>(line));
+}
+
+// Waits in real time (workers run in real time) until word is non-zero, at most bound_ms.
+template <typename Word>
+bool WaitFor(const Word &word, unsigned int bound_ms) {
+  const uint64_t end = platform::os::MonotonicMicros() + static_cast<uint64_t>(bound_ms) * 1000;
+  while (!word.load()) {
+    if (platform::os::MonotonicMicros() >= end) return false;
+    platform::os::SleepMicros(1000);
+  }
+  return true;
+}
+
+void CloseLine(PortRuntime &runtime, tagCOMPORTINFO &port) {
+  runtime.line.reset();
+  port.hComPort = NoHandle();
+}
+
+}  // namespace
+
+unsigned int BaudRateOf(unsigned int nBaudCode) { return nBaudCode == 1 ? 9600 : nBaudCode == 2 ? 19200 : 1200; }
+
+HANDLE OpenPort(unsigned int nPort, unsigned int nBaudCode, unsigned int nDataBits, unsigned int nParity,
+                unsigned int nStopBits, HWND hHistoryWnd, unsigned int nHistoryMsg, bool start_worker) {
+  if (nPort < 1 || nPort > kPortCount) return NoHandle();
+  tagCOMPORTINFO &port = ComPortTable[nPort - 1];
+  PortRuntime &runtime = RuntimeOf(nPort - 1);
+  if (port.hComPort.load() != NoHandle()) {
+    ++port.nOpenCount;
+    if (nHistoryMsg != 0) {
+      port.hHistoryWnd = hHistoryWnd;
+      port.nHistoryMsg = nHistoryMsg;
+    }
+    return port.hComPort.load();
+  }
+  // The only line this driver speaks: 8 data bits, odd parity (code 1), one stop bit (code 0).
+  if (nDataBits != 8 || nParity != 1 || nStopBits != 0) return NoHandle();
+  platform::OpenedLine opened = platform::OpenSerialLine(platform::PortDeviceName(nPort));
+  if (!opened.line) return NoHandle();
+  runtime.line = std::move(opened.line);
+  platform::SerialLine *line = runtime.line.get();
+  line->Purge();
+  port.pTimer->nBaudCode = nBaudCode;
+  if (!line->SetBaud(BaudRateOf(nBaudCode))) {
+    CloseLine(runtime, port);
+    return NoHandle();
+  }
+  port.hComPort = HandleOf(line);
+  port.bPortInUse = 1;
+  port.adwReserved[3] = 1;
+  port.nDriverId = nPort - 1;
+  port.hHistoryWnd = hHistoryWnd;
+  port.nHistoryMsg = nHistoryMsg;
+  port.tLastNotify = platform::NowMs();
+  port.tFrameStart = port.tLastNotify;
+  // The line rests with RTS off and DTR on; set before the worker can transmit.
+  line->SetRts(false);
+  line->SetDtr(true);
+  port.dwDebugFlags = 15;
+  if (start_worker && port.bThreadRun.load() == 0) {
+    port.bThreadRun = 1;
+    port.bThreadDone = 0;
+    runtime.started = false;
+    runtime.thread = platform::StartThread(ComPortThread, &port);
+    port.pThread = reinterpret_cast<CWinThread *>(runtime.thread.get());
+    // A worker that cannot start turns into a failed open rather than a port nobody serves.
+    if (!runtime.thread || !WaitFor(runtime.started, kWorkerStartBoundMs)) {
+      port.bThreadRun = 0;
+      if (runtime.thread) {
+        WaitFor(port.bThreadDone, kWorkerStopBoundMs) ? runtime.thread->Join() : runtime.thread->Detach();
+        runtime.thread.reset();
+      }
+      port.pThread = nullptr;
+      CloseLine(runtime, port);
+      return NoHandle();
+    }
+  }
+  port.nOpenCount = 1;
+  return port.hComPort.load();
+}
+
+void ToggleBaudRate(unsigned int nDriverId) {
+  if (!ValidDriver(nDriverId)) return;
+  platform::SerialLine *line = RuntimeOf(nDriverId).line.get();
+  if (!line || line->Baud() != 1200) return;
+  line->SetBaud(9600);
+  platform::SleepMs(100);
+  line->SetBaud(1200);
+  platform::SleepMs(100);
+}
+
+void StopAllPorts() {
+  for (tagCOMPORTINFO &port : ComPortTable) {
+    HANDLE handle = port.hComPort.load();
+    if (handle == NoHandle()) continue;
+    CloseComPort(handle);
+    port.hComPort = NoHandle();
+    port.nTxRequest = 0;
+    port.nOpenCount = 0;
+  }
+}
 
 }  // namespace velmora
+
+using namespace velmora;
+
+extern "C" {
+
+HANDLE OpenComPort(unsigned int nPort, unsigned int nBaudCode, unsigned int nDataBits, unsigned int nParity,
+                   unsigned int nStopBits, HWND hHistoryWnd, unsigned int nHistoryMsg) noexcept {
+  try {
+    return OpenPort(nPort, nBaudCode, nDataBits, nParity, nStopBits, hHistoryWnd, nHistoryMsg, true);
+  } catch (...) {
+    return NoHandle();
+  }
+}
+
+unsigned int CloseComPort(HANDLE hComPort) noexcept {
+  if (hComPort == NoHandle()) return 0;
+  const int row = FindComPort(hComPort);
+  if (row < 0) return 0;
+  tagCOMPORTINFO &port = ComPortTable[row];
+  PortRuntime &runtime = RuntimeOf(static_cast<unsigned int>(row));
+  if (port.bThreadRun.load() != 0) {
+    port.bThreadRun = 0;
+    if (WaitFor(port.bThreadDone, kWorkerStopBoundMs)) {
+      if (runtime.thread) runtime.thread->Join();
+      port.bThreadDone = 0;
+    } else if (runtime.thread) {
+      // A worker that did not come back in time keeps its line object: freeing it under the
+      // worker would be worse than the leak. The port is closed regardless.
+      runtime.thread->Detach();
+      (void)runtime.line.release();
+    }
+    runtime.thread.reset();
+  }
+  if (port.hComPort.load() != hComPort) return 0;
+  runtime.line.reset();
+  return 1;
+}
+
+unsigned int ComSetBaudRate(tagCOMPORTINFO *pPort) noexcept {
+  if (!pPort) return 0;
+  const unsigned int code = pPort->nBaudCode.load();
+  pPort->pTimer->nBaudCode = code;
+  if (platform::SerialLine *line = LineOf(*pPort)) {
+    const unsigned int rate = BaudRateOf(code);
+    if (line->Baud() != rate) line->SetBaud(rate);
+  }
+  return 1;
+}
+
+}  // extern "C"

@@ -2,10 +2,26 @@
 #ifndef VELMORA_PORT_PORT_CONTROL_H
 #define VELMORA_PORT_PORT_CONTROL_H
 
+#include "velmora.h"
+
 namespace velmora {
+
+// OpenComPort with the choice of starting the worker. Tests of the link layer open a port
+// without one and run its passes themselves, in virtual time.
+HANDLE OpenPort(unsigned int nPort, unsigned int nBaudCode, unsigned int nDataBits, unsigned int nParity,
+                unsigned int nStopBits, HWND hHistoryWnd, unsigned int nHistoryMsg, bool start_worker);
+
+// At 1200 baud, a round to 9600 baud and back, 100 ms each; nothing at other rates.
+void ToggleBaudRate(unsigned int nDriverId);
 
 // Stops every running worker and closes every open port; for unload.
 void StopAllPorts();
+
+// The line rate of a baud code: 9600 for 1, 19200 for 2, 1200 for every other value.
+unsigned int BaudRateOf(unsigned int nBaudCode);
+
+constexpr unsigned int kWorkerStartBoundMs = 2000;
+constexpr unsigned int kWorkerStopBoundMs = 5000;
 
 }  // namespace velmora
 

@@ -53,11 +53,13 @@ QueueGuard *GuardOf(const typQueue *queue) {
 }
 
 void LockQueue(typQueue *queue) {
+  if (!queue) return;
   if (QueueGuard *guard = GuardOf(queue)) guard->Acquire();
   queue->bLocked = 1;
 }
 
 void UnlockQueue(typQueue *queue) {
+  if (!queue) return;
   queue->bLocked = 0;
   if (QueueGuard *guard = GuardOf(queue)) guard->Release();
 }

@@ -1,0 +1,15 @@
+// Registration of applications with ports.
+#ifndef VELMORA_CORE_REGISTRATION_H
+#define VELMORA_CORE_REGISTRATION_H
+
+#include <mutex>
+
+namespace velmora {
+
+// Serialises what opens, configures and closes ports. Only application threads take it; the
+// workers never do.
+std::mutex &RegistrationMutex();
+
+}  // namespace velmora
+
+#endif

@@ -1,0 +1,35 @@
+// The life of one request between the transmit queue and the application's receive queue:
+// fetch, hand-over, judgement of the reply (deliver, retry, repeat on busy, give up), and the
+// distribution of burst frames. Runs on the port's worker thread only.
+#ifndef VELMORA_LINK_TRANSACTION_H
+#define VELMORA_LINK_TRANSACTION_H
+
+#include "velmora.h"
+
+namespace velmora {
+
+// Response codes acted on (first data byte of a response).
+constexpr unsigned char kResponseBusy = 32;
+constexpr unsigned char kResponseCommError = 128;  // this and above
+constexpr unsigned char kCommandExemptFromRepeat = 39;
+constexpr unsigned char kBurstBit = 0x40;  // in the address byte of a received frame
+
+// Monitor event codes of a transaction.
+constexpr unsigned int kMonitorTimeOut = 1;
+constexpr unsigned int kMonitorCommError = 2;
+constexpr unsigned int kMonitorFinalTimeOut = 3;
+
+void FetchNextRequest(tagCOMPORTINFO *pPort);
+void StartTransmission(tagCOMPORTINFO *pPort);
+// bResponse: 1 if the frame on hand is a response (message type 4 or 6).
+void CompleteTransaction(tagCOMPORTINFO *pPort, unsigned int bResponse);
+void CountRetry(tagCOMPORTINFO *pPort);
+void DistributeBurstFrame(tagCOMPORTINFO *pPort);
+void ResetRxFrame(tagCOMPORTINFO *pPort);
+
+// True when a request frame's command is exempt from repeat on busy.
+bool ExemptFromRepeat(const unsigned char *frame, unsigned int length);
+
+}  // namespace velmora
+
+#endif

@@ -1,0 +1,81 @@
+// A port opened on an in-memory line without a worker, in virtual time: tests run the worker's
+// passes themselves and script the far end byte by byte.
+#ifndef VELMORA_TESTS_SUPPORT_LINK_FIXTURE_H
+#define VELMORA_TESTS_SUPPORT_LINK_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/clock.h"
+#include "platform/memory_line.h"
+#include "velmora.h"
+
+namespace velmora::test {
+
+// Builds a frame: preambles, then delimiter..data and the checksum worked out here.
+std::vector<unsigned char> Frame(unsigned int preambles, std::vector<unsigned char> body);
+// A short response from polling address `address` to a master (bit 7 = master_bit).
+std::vector<unsigned char> ShortResponse(unsigned char address, unsigned char command,
+                                         std::vector<unsigned char> data, bool primary = true,
+                                         unsigned int preambles = 5, bool burst = false);
+
+// Every message waiting in a window, removed.
+std::vector<MSG> Drain(HWND window);
+
+// Puts every row the tests touch back to its start value.
+void ResetDriverTables();
+
+class LinkFixture : public ::testing::Test {
+ protected:
+  static constexpr unsigned int kPort = 3;  // port number; row 2
+  static constexpr unsigned int kApp = 7;
+  static constexpr unsigned int kReplyMsg = 0x401;
+  static constexpr unsigned int kLinkMsg = 0x402;
+  static constexpr unsigned int kHistoryMsg = 0x403;
+  static constexpr unsigned int kMonitorMsg = 0x404;
+
+  void SetUp() override { OpenAt(0); }
+  void TearDown() override;
+
+  // Opens the port at baud code `baud_code` with the application row kApp registered on it.
+  void OpenAt(unsigned int baud_code);
+  tagCOMPORTINFO &Port() { return ComPort(); }
+  static tagCOMPORTINFO &ComPort();
+  typRxFrameStruct &Rx() { return *Port().pRxFrame; }
+
+  // One worker pass; passes until the clock has moved by at least ms.
+  void Pass();
+  void RunFor(unsigned int ms);
+  // Passes until pred holds or ms have passed; true if it held.
+  bool RunUntil(const std::function<bool()> &pred, unsigned int ms);
+
+  // The far end sends bytes starting at the given virtual time (now if 0).
+  void FarSend(const std::vector<unsigned char> &bytes, uint64_t start_us = 0);
+  // Bytes the far end has received so far.
+  std::vector<unsigned char> FarReceived();
+
+  unsigned int Send(unsigned char command, std::vector<unsigned char> data = {}, unsigned char address = 0);
+  uint64_t NowUs() const { return clock_->NowMicros(); }
+
+  // Answers every complete request the far end receives with reply(request_frame), after a
+  // turnaround of turnaround_us from the request's last byte; an empty reply sends nothing.
+  void AutoReply(std::function<std::vector<unsigned char>(const std::vector<unsigned char> &)> reply,
+                 uint64_t turnaround_us = 20000);
+
+  std::unique_ptr<platform::VirtualClock> clock_;
+  std::shared_ptr<platform::MemoryLine> line_;
+  HWND app_window_ = nullptr;
+  HWND history_window_ = nullptr;
+  std::vector<unsigned char> far_in_;
+  std::vector<uint64_t> far_in_times_;
+  int listener_ = 0;
+  std::string line_name_;
+};
+
+}  // namespace velmora::test
+
+#endif
