@@ -47,12 +47,4 @@ int CDriverApp::ExitInstance() {
   return 1;
 }
 
-namespace {
-
-// The library's entry and exit: the tables are zero-initialised constants, so nothing here
-// depends on the order of other initialisers.
-__attribute__((constructor)) void LoadLibrary() { TheDriverApp().InitInstance(); }
-__attribute__((destructor)) void UnloadLibrary() { TheDriverApp().ExitInstance(); }
-
-}  // namespace
 }  // namespace velmora

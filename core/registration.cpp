@@ -86,6 +86,8 @@ unsigned int UnRegisterApplication(unsigned int hApp) noexcept {
   CloseComPort(port.hComPort.load());
   port.hComPort = NoHandle();
   port.nTxRequest = 0;
+  // With the worker gone, a request whose owner left can be dropped and its row freed now.
+  DropAbandonedRequest(&port);
   return 1;
 }
 

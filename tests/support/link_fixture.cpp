@@ -76,6 +76,8 @@ void ResetDriverTables() {
     app.hWnd = nullptr;
     app.nLinkEventMsg = 0;
     app.nReplyMsg = 0;
+    app.nReplyCount = 0;
+    app.nAppKey = 0;
   }
   for (tagSERVICEINFO &service : ServiceTable) service.nServiceState = 0;
   FlushHistory();
