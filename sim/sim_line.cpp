@@ -268,11 +268,7 @@ void SimLine::RunBursts(uint64_t now_us) {
     }
     if (LineBusy(now_us)) continue;
     uint64_t earliest = std::max(state.next_due_us, QuietSince() + static_cast<uint64_t>(burst.min_gap_ms) * 1000);
-    if (any_device_frame_ || last_master_byte_us_ > 0 || tx_free_us_ > 0) {
-      if (earliest > now_us) continue;
-    } else if (state.next_due_us > now_us) {
-      continue;
-    }
+    if (earliest > now_us) continue;
 
     Master master = state.next_primary ? Master::kPrimary : Master::kSecondary;
     if (burst.target == BurstTarget::kAlternate) state.next_primary = !state.next_primary;

@@ -156,7 +156,7 @@ TEST_F(FrameParserTest, TwoFramesInOneChunkGiveTwoFrameEvents) {
     sizes.push_back(bytes->GetSize());
     delete bytes;
   }
-  EXPECT_EQ(sizes, (std::vector<int>{11 + 8, 11 + 8}));
+  EXPECT_EQ(sizes, (std::vector<int>{12 + 8, 12 + 8}));
   Port().nMonitorMsg = 0;
   Port().hMonitorWnd = nullptr;
   DestroyNoticeWindow(monitor);
