@@ -15,11 +15,16 @@ constexpr unsigned int kPort = 1;
 constexpr unsigned int kReplyMsg = 0x8001;
 
 // Sends one request and waits for its reply notice; fills *reply. False on time-out or failure.
-bool Transact(unsigned int hApp, HWND window, unsigned char address, unsigned char command,
-              tagHARTREQUEST *reply) {
+// With a long address the request goes in a long frame, else to the polling address.
+bool Transact(unsigned int hApp, HWND window, unsigned char address, const unsigned char *long_address,
+              unsigned char command, tagHARTREQUEST *reply) {
   tagHARTREQUEST request{};
   request.nCommand = command;
   request.nPollingAddress = address;
+  if (long_address) {
+    request.nAddressFormat = 2;
+    for (int i = 0; i < 5; ++i) request.abLongAddress[i] = long_address[i];
+  }
   const unsigned int hServ = HART_SendRequest(hApp, &request, command);
   if (hServ == VELMORA_NONE) {
     std::fprintf(stderr, "command %u: not queued\n", command);
@@ -67,16 +72,20 @@ int main(int argc, char **argv) {
   unsigned char data[256];
   tagHARTREQUEST reply{};
   reply.pData = data;
-  if (Transact(hApp, window, address, 0, &reply) && reply.nDataCount >= 12) {
+  if (Transact(hApp, window, address, nullptr, 0, &reply) && reply.nDataCount >= 12) {
     std::printf("Device at polling address %u (status %02X %02X)\n", address, reply.nResponseCode,
                 reply.nDeviceStatus);
-    std::printf("  manufacturer %u (%s), device type %u, device id %06X\n", data[1],
-                GetHartVendor(data[1]).GetString(), data[2], PickInt24(data, 9, 0));
+    const unsigned int manufacturer = reply.nDataCount >= 19 ? PickInt16(data, 17, 0) : data[1];
+    std::printf("  manufacturer %u (%s), device type %02X%02X, device id %06X\n", manufacturer,
+                GetHartVendor(manufacturer).GetString(), data[1], data[2], PickInt24(data, 9, 0));
     std::printf("  universal revision %u, device revision %u, software revision %u, %u preambles\n", data[4],
                 data[5], data[6], data[3]);
+    // Devices answer other commands in long frames, at the unique address command 0 gave.
+    const unsigned char long_address[5] = {static_cast<unsigned char>(data[1] & 0x3F), data[2], data[9], data[10],
+                                           data[11]};
     reply = tagHARTREQUEST{};
     reply.pData = data;
-    if (Transact(hApp, window, address, 3, &reply) && reply.nDataCount >= 9) {
+    if (Transact(hApp, window, address, long_address, 3, &reply) && reply.nDataCount >= 9) {
       std::printf("Dynamic variables:\n  loop current %g mA\n", PickFloat(data, 0));
       static const char *const kNames[] = {"PV", "SV", "TV", "QV"};
       for (unsigned int i = 0; i < 4 && 4 + i * 5 + 5 <= reply.nDataCount; ++i) PrintVariable(kNames[i], data + 4 + i * 5);

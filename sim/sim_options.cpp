@@ -1,7 +1,6 @@
 // Reading velmora-sim's command line.
 #include "sim/sim_options.h"
 
-#include <cstdlib>
 #include <map>
 #include <set>
 
@@ -34,20 +33,25 @@ bool ParseNumber(const std::string &text, uint64_t max, uint64_t *out) {
   return true;
 }
 
-// "a=1,b=2,flag" into keys; a word without '=' maps to "".
-Keys SplitKeys(const std::string &text) {
-  Keys keys;
+std::vector<std::string> SplitList(const std::string &text) {
+  std::vector<std::string> items;
   size_t at = 0;
   while (at <= text.size()) {
     size_t comma = text.find(',', at);
     if (comma == std::string::npos) comma = text.size();
-    std::string item = text.substr(at, comma - at);
-    if (!item.empty()) {
-      size_t equals = item.find('=');
-      if (equals == std::string::npos) keys[item] = "";
-      else keys[item.substr(0, equals)] = item.substr(equals + 1);
-    }
+    if (comma > at) items.push_back(text.substr(at, comma - at));
     at = comma + 1;
+  }
+  return items;
+}
+
+// "a=1,b=2,flag" into keys; a word without '=' maps to "".
+Keys SplitKeys(const std::string &text) {
+  Keys keys;
+  for (const std::string &item : SplitList(text)) {
+    size_t equals = item.find('=');
+    if (equals == std::string::npos) keys[item] = "";
+    else keys[item.substr(0, equals)] = item.substr(equals + 1);
   }
   return keys;
 }
@@ -154,19 +158,11 @@ bool ParseOptions(const std::vector<std::string> &args, SimOptions *options, std
       if (!take_value()) return false;
       addresses.clear();
       std::set<uint8_t> seen;
-      for (const auto &[item, unused] : SplitKeys(value)) {
+      for (const std::string &item : SplitList(value)) {
         uint64_t address = 0;
         if (!ParseNumber(item, 63, &address)) return reader.Fail("--addresses: '" + item + "' is not 0-63");
         if (!seen.insert(static_cast<uint8_t>(address)).second) return reader.Fail("--addresses: repeated " + item);
-      }
-      // SplitKeys sorts; keep the order given.
-      size_t at = 0;
-      while (at <= value.size()) {
-        size_t comma = value.find(',', at);
-        if (comma == std::string::npos) comma = value.size();
-        uint64_t address = 0;
-        if (ParseNumber(value.substr(at, comma - at), 63, &address)) addresses.push_back(static_cast<uint8_t>(address));
-        at = comma + 1;
+        addresses.push_back(static_cast<uint8_t>(address));
       }
       if (addresses.empty()) return reader.Fail("--addresses needs at least one address");
       device_count = addresses.size();
