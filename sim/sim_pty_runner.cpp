@@ -1,6 +1,8 @@
 // The simulated line on a pseudo-terminal: creation, raw mode, and the paced read-write loop.
 #include "sim/sim_pty_runner.h"
 
+#include <algorithm>
+
 #include <fcntl.h>
 #include <termios.h>
 #include <unistd.h>
@@ -59,9 +61,16 @@ void PtyRunner::Poll() {
       // EIO means no master has the terminal open: nothing to read, keep waiting.
       ssize_t got = read(fd_, buffer, sizeof buffer);
       if (got <= 0) break;
-      for (ssize_t i = 0; i < got; ++i) core_.Receive(buffer[i], now_us, now_us);
+      for (ssize_t i = 0; i < got; ++i) {
+        rx_line_free_us_ = std::max(now_us, rx_line_free_us_ + core_.CharTimeUs());
+        incoming_.push_back(OutByte{buffer[i], rx_line_free_us_});
+      }
       if (core_.Config().echo) echo_.insert(echo_.end(), buffer, buffer + got);
     }
+  }
+  while (!incoming_.empty() && incoming_.front().start_us <= now_us) {
+    core_.Receive(incoming_.front().value, incoming_.front().start_us, now_us);
+    incoming_.pop_front();
   }
   core_.Advance(now_us);
   for (const OutByte &out : core_.TakeOutput()) queue_.push_back(out);

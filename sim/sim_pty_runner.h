@@ -53,6 +53,10 @@ class PtyRunner {
   std::string path_;
   std::deque<OutByte> queue_;
   std::vector<uint8_t> echo_;
+  // The master's bytes as a real line would deliver them: a pseudo-terminal hands a whole frame
+  // over at once, so each byte is taken to arrive one character time after the one before.
+  std::deque<OutByte> incoming_;
+  uint64_t rx_line_free_us_ = 0;
   std::thread thread_;
   std::atomic<bool> running_{false};
 };
