@@ -116,13 +116,12 @@ unsigned int HART_ReceiveRequest(unsigned int hApp, unsigned int hServ, tagHARTR
     UnlockQueue(&receive);
     return 0;
   }
-  // The caller's buffer has room for the 253 bytes a reply can carry behind its status.
-  unsigned char payload[256];
-  unsigned int count = 0;
-  fncGetQueueElementHartData(element, payload, &count);
+  // The caller's buffer has room for the 253 bytes a reply can carry behind its status; an
+  // element a client made itself may hold more, which is cut there.
+  unsigned int count = element->nDataLen > 2 && element->pData ? element->nDataLen - 2 : 0;
   if (count > 253) count = 253;
-  if (element->nDataLen >= 2) {
-    if (count && pRequest->pData) std::memcpy(pRequest->pData, payload, count);
+  if (element->nDataLen >= 2 && element->pData) {
+    if (count && pRequest->pData) std::memcpy(pRequest->pData, element->pData + 2, count);
     pRequest->nDataCount = pRequest->pData ? count : 0;
     pRequest->nResponseCode = element->pData[0];
     pRequest->nDeviceStatus = element->pData[1];

@@ -93,6 +93,7 @@ FrameReceiver::Outcome FrameReceiver::Push(uint8_t byte, uint64_t arrival_us) {
   switch (state_) {
     case State::kHunt:
       if (byte == kPreamble) {
+        if (preambles_ == 0) first_us_ = arrival_us;
         ++preambles_;
       } else if (preambles_ >= min_preambles_ && IsKnownDelimiter(byte)) {
         preambles_ = 0;
@@ -127,6 +128,7 @@ FrameReceiver::Outcome FrameReceiver::Push(uint8_t byte, uint64_t arrival_us) {
       Take(byte);
       last_raw_.assign(raw_.begin(), raw_.begin() + static_cast<std::ptrdiff_t>(raw_length_));
       last_end_us_ = arrival_us;
+      last_first_us_ = first_us_;
       state_ = State::kHunt;
       preambles_ = 0;
       if (expected != byte) {

@@ -81,6 +81,8 @@ class FrameReceiver {
   // Frame proper of the frame that finished last (good or bad), or of the abandoned part.
   const std::vector<uint8_t> &LastRaw() const { return last_raw_; }
   uint64_t LastEndUs() const { return last_end_us_; }
+  // Arrival of the first preamble of the frame that finished last.
+  uint64_t LastFirstByteUs() const { return last_first_us_; }
   // True while preambles or a frame are coming in.
   bool Busy() const { return state_ != State::kHunt || preambles_ > 0; }
   uint64_t LastByteUs() const { return last_byte_us_; }
@@ -102,6 +104,8 @@ class FrameReceiver {
   size_t data_count_ = 0;
   uint64_t last_byte_us_ = 0;
   uint64_t last_end_us_ = 0;
+  uint64_t first_us_ = 0;
+  uint64_t last_first_us_ = 0;
   uint64_t discarded_ = 0;
   Frame last_frame_;
   std::vector<uint8_t> last_raw_;

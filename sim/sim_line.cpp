@@ -88,12 +88,25 @@ void SimLine::Receive(uint8_t value, uint64_t arrival_us, uint64_t now_us) {
       transcript_.Add({arrival_us, TranscriptKind::kBadChecksum, receiver_.LastRaw(), "checksum wrong: no answer"});
       break;
     case FrameReceiver::Outcome::kFrame:
-      OnFrame(receiver_.LastFrame(), receiver_.LastRaw(), arrival_us, now_us);
+      // Counted from the arrival of the first preamble: a pseudo-terminal hands over a whole
+      // request at once, so nothing earlier is known for sure.
+      OnFrame(receiver_.LastFrame(), receiver_.LastRaw(), receiver_.LastFirstByteUs(), arrival_us, now_us);
       break;
   }
 }
 
-void SimLine::OnFrame(const Frame &frame, const std::vector<uint8_t> &raw, uint64_t end_us, uint64_t now_us) {
+bool SimLine::SentDuring(uint64_t start_us, uint64_t end_us) const {
+  return std::any_of(sent_.begin(), sent_.end(),
+                     [&](const auto &interval) { return interval.first < end_us && interval.second > start_us; });
+}
+
+void SimLine::OnFrame(const Frame &frame, const std::vector<uint8_t> &raw, uint64_t start_us, uint64_t end_us,
+                      uint64_t now_us) {
+  if (SentDuring(start_us, end_us)) {
+    ++counters_.collisions;
+    transcript_.Add({end_us, TranscriptKind::kIgnored, raw, "collided with the simulator's own transmission"});
+    return;
+  }
   ++counters_.frames_heard;
   transcript_.Add({end_us, TranscriptKind::kHeard, raw, Describe(frame)});
   if (!IsRequestDelimiter(frame.delimiter)) {
@@ -213,6 +226,8 @@ uint64_t SimLine::Transmit(const std::vector<Segment> &segments, uint64_t start_
     at += CharMicros(config_.baud, segment.bytes.size());
   }
   tx_free_us_ = at;
+  sent_.emplace_back(*first_us, at);
+  if (sent_.size() > 16) sent_.pop_front();
   return at;
 }
 

@@ -3,6 +3,9 @@
 // and told the time, and it produces the bytes to send, each with the moment its first bit
 // starts. The in-memory runner and the pseudo-terminal runner both drive this one core.
 //
+// The line is half duplex: a request that overlaps the simulator's own transmission collides
+// with it and is lost, as on a real line where both would be garbled.
+//
 // Timing: a reply starts `turnaround_us` after the last byte of the request has arrived (plus
 // any delay fault), and its bytes follow each other at the line's rate, 11 bits a character.
 // Nothing starts before the present moment or while an earlier transmission is still going out.
@@ -73,6 +76,7 @@ class SimLine {
     uint64_t silences = 0;
     uint64_t bursts = 0;
     uint64_t peer_requests = 0;
+    uint64_t collisions = 0;
   };
   const Counters &Stats() const { return counters_; }
 
@@ -87,7 +91,10 @@ class SimLine {
     bool next_primary = true;
   };
 
-  void OnFrame(const Frame &frame, const std::vector<uint8_t> &raw, uint64_t end_us, uint64_t now_us);
+  void OnFrame(const Frame &frame, const std::vector<uint8_t> &raw, uint64_t start_us, uint64_t end_us,
+               uint64_t now_us);
+  // Whether the simulator was sending at any moment between start_us and end_us.
+  bool SentDuring(uint64_t start_us, uint64_t end_us) const;
   // Hands a request to the device it addresses; true if a device took it.
   bool Dispatch(const Frame &request, uint64_t end_us, uint64_t now_us, bool from_peer);
   std::vector<Segment> Spoil(const std::vector<uint8_t> &transmission, uint32_t preambles,
@@ -107,6 +114,8 @@ class SimLine {
   SecondMaster peer_;
   Transcript transcript_;
   std::vector<OutByte> pending_;
+  // The last transmissions, start and end: a request heard meanwhile was garbled by them.
+  std::deque<std::pair<uint64_t, uint64_t>> sent_;
   uint64_t tx_free_us_ = 0;
   uint64_t last_master_byte_us_ = 0;
   // The last frame a device sent, and the master it was addressed to: the other master's turn.

@@ -37,7 +37,7 @@ TEST_F(Burst, FramesComeAtTheExactPeriodWithTheBurstBit) {
   burst.target = BurstTarget::kPrimary;
   uint64_t enabled_at = bench.NowUs();
   Enable(burst);
-  std::vector<TimedFrame> frames = Frames(bench.Collect(2600), 1200);
+  std::vector<TimedFrame> frames = Frames(bench.Collect(2750), 1200);
   ASSERT_EQ(frames.size(), 6u) << bench.Core().Log().Format();
   Address5 address = bench.LongAddressOf();
   for (size_t i = 0; i < frames.size(); ++i) {

@@ -386,7 +386,10 @@ TEST_F(WriteThenRead, BurstModeIsSwitchedByCommands108And109) {
   EXPECT_TRUE(bench.Dev().Burst().enabled);
   EXPECT_EQ(bench.Dev().Burst().command, 3);
 
-  // Burst frames now share the line; the reply is the response frame with command 109.
+  // Burst frames now share the line: like a real master, send in the gap after one.
+  size_t bursts = bench.Core().Log().Count(TranscriptKind::kBurst);
+  while (bench.Core().Log().Count(TranscriptKind::kBurst) == bursts) bench.Collect(1);
+  while (bench.Core().TransmitterFreeAt() > bench.NowUs()) bench.Collect(1);
   std::vector<RxFrame> frames = AllFrames(bench.Exchange(LongRequest(bench.LongAddressOf(), 109, {0})));
   auto reply = std::find_if(frames.begin(), frames.end(),
                             [](const RxFrame &f) { return f.delimiter == 0x86 && f.command == 109; });

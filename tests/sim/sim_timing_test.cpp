@@ -67,21 +67,33 @@ TEST(SimTiming, OneCharacterIsElevenBits) {
 }
 
 TEST(SimTiming, RepliesFollowEachOtherWithoutOverlap) {
-  VirtualBench bench;
-  // Two requests back to back: the second reply waits until the first has left the line.
-  Bytes first = LongRequest(bench.LongAddressOf(), 1);
-  Bytes second = LongRequest(bench.LongAddressOf(), 2, {}, false);
-  Bytes both = first;
+  LineConfig config;
+  config.turnaround_us = 150000;
+  VirtualBench bench(config, 2);
+  // Two short requests back to back, both over before the first reply begins: the second
+  // reply waits until the first has left the line.
+  Bytes both = ShortRequest(0, 0);
+  Bytes second = ShortRequest(1, 0);
   both.insert(both.end(), second.begin(), second.end());
   bench.Line().ClearRecord();
   bench.Send(both);
-  std::vector<MemoryLine::TimedByte> got = bench.Collect(2000);
-  std::vector<RxFrame> frames = AllFrames(VirtualBench::Values(got));
+  std::vector<RxFrame> frames = AllFrames(VirtualBench::Values(bench.Collect(2000)));
   ASSERT_EQ(frames.size(), 2u);
-  EXPECT_EQ(frames[0].command, 1);
-  EXPECT_EQ(frames[1].command, 2);
+  EXPECT_EQ(frames[0].address, Bytes{0x80});
+  EXPECT_EQ(frames[1].address, Bytes{0x81});
   std::vector<uint64_t> starts = FarEndStarts(bench.Line());
   for (size_t i = 1; i < starts.size(); ++i) EXPECT_GE(starts[i] - starts[i - 1], bench.CharUs()) << i;
+}
+
+TEST(SimTiming, ARequestThatOverlapsTheReplyCollidesAndIsLost) {
+  VirtualBench bench;
+  Bytes both = LongRequest(bench.LongAddressOf(), 1);
+  Bytes second = LongRequest(bench.LongAddressOf(), 2);
+  both.insert(both.end(), second.begin(), second.end());
+  std::vector<RxFrame> frames = AllFrames(bench.Exchange(both, 2000));
+  ASSERT_EQ(frames.size(), 1u);
+  EXPECT_EQ(frames[0].command, 1);
+  EXPECT_EQ(bench.Core().Stats().collisions, 1u);
 }
 
 TEST(SimTiming, EchoGivesTheMasterItsOwnBytesFirst) {
