@@ -6,6 +6,7 @@
 //   DEVICE: a serial device or pseudo-terminal, e.g. the path that velmora-sim prints.
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 #include "velmora.h"
 
@@ -45,8 +46,24 @@ bool Transact(unsigned int hApp, HWND window, unsigned char address, const unsig
   return false;
 }
 
+// Unit names are code page 1252 bytes; a terminal wants UTF-8 for the degree sign and the
+// superscript three.
+std::string Utf8(const CString &text) {
+  std::string out;
+  for (int i = 0; i < text.GetLength(); ++i) {
+    const unsigned char c = static_cast<unsigned char>(text.GetAt(i));
+    if (c < 0x80) {
+      out += static_cast<char>(c);
+    } else {
+      out += static_cast<char>(0xC0 | (c >> 6));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    }
+  }
+  return out;
+}
+
 void PrintVariable(const char *name, unsigned char *data) {
-  std::printf("  %-3s %12g %s\n", name, PickFloat(data, 1), GetHartUnit(data[0]).GetString());
+  std::printf("  %-3s %12g %s\n", name, PickFloat(data, 1), Utf8(GetHartUnit(data[0])).c_str());
 }
 
 }  // namespace
