@@ -40,11 +40,24 @@ bool PtyRunner::Open(std::string *error) {
   termios tio{};
   if (tcgetattr(fd_, &tio) != 0) return fail("tcgetattr");
   cfmakeraw(&tio);
+  tio.c_cflag &= ~static_cast<tcflag_t>(PARENB | PARODD);
   if (tcsetattr(fd_, TCSANOW, &tio) != 0) return fail("tcsetattr");
   int flags = fcntl(fd_, F_GETFL);
   if (flags < 0 || fcntl(fd_, F_SETFL, flags | O_NONBLOCK) != 0) return fail("fcntl");
   fcntl(fd_, F_SETFD, FD_CLOEXEC);
   return true;
+}
+
+void PtyRunner::ClearStaleParity() {
+  // A pseudo-terminal takes a master's odd parity but keeps only PARODD, without PARENB. With
+  // that left over, Linux refuses the next request for odd parity (EINVAL), so a master that
+  // closes and opens the terminal again could not set it up. Clearing PARODD changes nothing
+  // on a pseudo-terminal, which carries no parity, and keeps it ready for the next open.
+  termios tio{};
+  if (tcgetattr(fd_, &tio) != 0) return;
+  if ((tio.c_cflag & PARODD) == 0 || (tio.c_cflag & PARENB) != 0) return;
+  tio.c_cflag &= ~static_cast<tcflag_t>(PARODD);
+  tcsetattr(fd_, TCSANOW, &tio);
 }
 
 void PtyRunner::Close() {
@@ -58,8 +71,17 @@ void PtyRunner::Poll() {
   if (fd_ >= 0) {
     uint8_t buffer[256];
     for (;;) {
-      // EIO means no master has the terminal open: nothing to read, keep waiting.
       ssize_t got = read(fd_, buffer, sizeof buffer);
+      if (got < 0 && errno == EIO) {
+        // No master has the terminal open: nothing to read, keep waiting.
+        if (connected_) core_.Log().Note(now_us, "master closed the terminal");
+        connected_ = false;
+        break;
+      }
+      if (!connected_ && (got > 0 || (got < 0 && errno == EAGAIN))) {
+        connected_ = true;
+        core_.Log().Note(now_us, "master opened the terminal");
+      }
       if (got <= 0) break;
       for (ssize_t i = 0; i < got; ++i) {
         rx_line_free_us_ = std::max(now_us, rx_line_free_us_ + core_.CharTimeUs());
@@ -72,6 +94,7 @@ void PtyRunner::Poll() {
     core_.Receive(incoming_.front().value, incoming_.front().start_us, now_us);
     incoming_.pop_front();
   }
+  if (fd_ >= 0) ClearStaleParity();
   core_.Advance(now_us);
   for (const OutByte &out : core_.TakeOutput()) queue_.push_back(out);
   WriteDue(now_us);

@@ -1,6 +1,7 @@
 // Runs the simulated line on a pseudo-terminal in real time: a master application opens the
 // terminal's path as its serial port. The runner paces the bytes itself, since a pseudo-terminal
-// hands them over at once: each byte is written when it would have fully arrived on a real line.
+// hands them over at once: each byte is written when it would have fully arrived on a real line,
+// and the master's bytes, read all at once, are taken in one character time apart.
 #ifndef VELMORA_SIM_SIM_PTY_RUNNER_H
 #define VELMORA_SIM_SIM_PTY_RUNNER_H
 
@@ -46,6 +47,8 @@ class PtyRunner {
 
  private:
   void WriteDue(uint64_t now_us);
+  // Clears the odd-parity flag a master's settings leave behind (see the .cpp).
+  void ClearStaleParity();
 
   std::mutex mutex_;
   SimLine core_;
@@ -59,6 +62,7 @@ class PtyRunner {
   uint64_t rx_line_free_us_ = 0;
   std::thread thread_;
   std::atomic<bool> running_{false};
+  bool connected_ = false;
 };
 
 }  // namespace velmora::sim

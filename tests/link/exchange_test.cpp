@@ -455,8 +455,11 @@ TEST_P(RoleChangeTest, HeardMasterDecidesTheRole) {
     for (unsigned int i = 0; i <= open && i < 100; ++i)
       if (records[i].psStates) states += records[i].psStates->str();
   });
-  if (c.expect_line) EXPECT_NE(states.find(c.expect_line), std::string::npos) << states;
-  else EXPECT_EQ(states.find("I am"), std::string::npos) << states;
+  if (c.expect_line) {
+    EXPECT_NE(states.find(c.expect_line), std::string::npos) << states;
+  } else {
+    EXPECT_EQ(states.find("I am"), std::string::npos) << states;
+  }
   // Frames built from now on carry the new role's master bit.
   tagHARTREQUEST request{};
   unsigned char frame[256];
