@@ -53,8 +53,8 @@ Device::Device(DeviceConfig config) : config_(std::move(config)) {
   config_.polling_address &= 0x3F;
   config_.device_id &= 0xFFFFFFu;
   cold_start_ = {config_.cold_start, config_.cold_start};
-  bool any_status = std::any_of(config_.additional_status.begin(), config_.additional_status.end(),
-                                [](uint8_t b) { return b != 0; });
+  bool any_status =
+      std::any_of(config_.additional_status.begin(), config_.additional_status.end(), [](uint8_t b) { return b != 0; });
   more_status_ = {any_status, any_status};
 }
 
@@ -184,8 +184,7 @@ void Device::PutVariableSlot(std::vector<uint8_t> &out, uint8_t code, uint64_t n
   }
 }
 
-std::optional<Reply> Device::Answer(uint8_t command, const std::vector<uint8_t> &data, Master master,
-                                    uint64_t now_us) {
+std::optional<Reply> Device::Answer(uint8_t command, const std::vector<uint8_t> &data, Master master, uint64_t now_us) {
   bool silent = false;
   Reply reply = Run(command, data, master, now_us, true, &silent);
   if (silent) return std::nullopt;
@@ -211,8 +210,8 @@ Reply Device::BurstReply(Master master, uint64_t now_us) {
   return reply;
 }
 
-Reply Device::Run(uint8_t command, const std::vector<uint8_t> &data, Master master, uint64_t now_us,
-                  bool write_allowed, bool *silent) {
+Reply Device::Run(uint8_t command, const std::vector<uint8_t> &data, Master master, uint64_t now_us, bool write_allowed,
+                  bool *silent) {
   Reply reply;
   std::vector<uint8_t> &out = reply.data;
   size_t who = MasterIndex(master);

@@ -12,8 +12,10 @@ bool IsKnownDelimiter(uint8_t delimiter) {
     case kShortResponse:
     case kLongBurst:
     case kLongRequest:
-    case kLongResponse: return true;
-    default: return false;
+    case kLongResponse:
+      return true;
+    default:
+      return false;
   }
 }
 
@@ -28,7 +30,8 @@ std::vector<uint8_t> EncodeFrame(const Frame &frame) {
   std::vector<uint8_t> out;
   out.reserve(kMaxFrameProper);
   out.push_back(frame.delimiter);
-  out.insert(out.end(), frame.address.begin(), frame.address.begin() + static_cast<std::ptrdiff_t>(frame.AddressSize()));
+  out.insert(out.end(), frame.address.begin(),
+             frame.address.begin() + static_cast<std::ptrdiff_t>(frame.AddressSize()));
   out.push_back(frame.command);
   out.push_back(static_cast<uint8_t>(count));
   out.insert(out.end(), frame.data.begin(), frame.data.begin() + static_cast<std::ptrdiff_t>(count));

@@ -34,9 +34,7 @@ inline bool IsRequestDelimiter(uint8_t delimiter) { return (delimiter & 0x7F) ==
 
 // Time one character takes on the line at `baud`: 11 bits (start, 8 data, odd parity, stop).
 // Counted for the whole run, so that long runs do not drift by rounding each character.
-inline uint64_t CharMicros(uint32_t baud, uint64_t count = 1) {
-  return count * 11u * 1000000u / (baud ? baud : 1200u);
-}
+inline uint64_t CharMicros(uint32_t baud, uint64_t count = 1) { return count * 11u * 1000000u / (baud ? baud : 1200u); }
 
 struct Frame {
   uint8_t delimiter = kShortRequest;

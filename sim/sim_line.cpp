@@ -78,7 +78,8 @@ uint64_t SimLine::QuietSince() const { return std::max(last_master_byte_us_, tx_
 void SimLine::Receive(uint8_t value, uint64_t arrival_us, uint64_t now_us) {
   last_master_byte_us_ = std::max(last_master_byte_us_, arrival_us);
   switch (receiver_.Push(value, arrival_us)) {
-    case FrameReceiver::Outcome::kNone: break;
+    case FrameReceiver::Outcome::kNone:
+      break;
     case FrameReceiver::Outcome::kAbandoned:
       ++counters_.abandoned;
       transcript_.Add({arrival_us, TranscriptKind::kAbandoned, receiver_.LastRaw(), "pause inside a frame"});
@@ -144,15 +145,18 @@ bool SimLine::Dispatch(const Frame &request, uint64_t end_us, uint64_t now_us, b
     reply.response_code = static_cast<uint8_t>(error->value | 0x80);
   } else if (Has(faults, FaultKind::kBusy)) {
     reply = target->BusyReply(master, end_us);
+  } else if (std::optional<Reply> answer = target->Answer(request.command, request.data, master, end_us)) {
+    reply = std::move(*answer);
   } else {
-    reply = *target->Answer(request.command, request.data, master, end_us);
+    ++counters_.silences;
+    return true;
   }
 
   Frame response;
   response.delimiter = request.IsLong() ? kLongResponse : kShortResponse;
   response.address = request.address;
-  response.address[0] = static_cast<uint8_t>((request.address[0] & ~kBurstBit) |
-                                             (target->Burst().enabled ? kBurstBit : 0));
+  response.address[0] =
+      static_cast<uint8_t>((request.address[0] & ~kBurstBit) | (target->Burst().enabled ? kBurstBit : 0));
   response.command = request.command;
   response.data = reply.FrameData();
 
@@ -305,8 +309,8 @@ void SimLine::RunBursts(uint64_t now_us) {
     uint64_t end_us = Transmit(segments, now_us, &first_us);
     state.next_due_us = first_us + static_cast<uint64_t>(burst.period_ms) * 1000;
     ++counters_.bursts;
-    transcript_.Add({first_us, TranscriptKind::kBurst, segments[0].bytes,
-                     "device " + std::to_string(i) + " " + Describe(frame)});
+    transcript_.Add(
+        {first_us, TranscriptKind::kBurst, segments[0].bytes, "device " + std::to_string(i) + " " + Describe(frame)});
     last_device_frame_end_us_ = end_us;
     last_device_frame_master_ = master;
     any_device_frame_ = true;

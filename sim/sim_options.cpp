@@ -21,7 +21,7 @@ bool ParseNumber(const std::string &text, uint64_t max, uint64_t *out) {
   uint64_t value = 0;
   for (size_t i = start; i < text.size(); ++i) {
     char c = text[i];
-    int digit = (c >= '0' && c <= '9')                ? c - '0'
+    int digit = (c >= '0' && c <= '9')                 ? c - '0'
                 : (base == 16 && c >= 'a' && c <= 'f') ? c - 'a' + 10
                 : (base == 16 && c >= 'A' && c <= 'F') ? c - 'A' + 10
                                                        : -1;
@@ -50,8 +50,10 @@ Keys SplitKeys(const std::string &text) {
   Keys keys;
   for (const std::string &item : SplitList(text)) {
     size_t equals = item.find('=');
-    if (equals == std::string::npos) keys[item] = "";
-    else keys[item.substr(0, equals)] = item.substr(equals + 1);
+    if (equals == std::string::npos)
+      keys[item] = "";
+    else
+      keys[item.substr(0, equals)] = item.substr(equals + 1);
   }
   return keys;
 }
@@ -80,6 +82,34 @@ class Reader {
  private:
   std::string *error_;
 };
+
+// The numbers of a fault kind on the command line, named for what they mean, with defaults
+// that give a visible fault.
+struct FaultKeys {
+  const char *value_key = nullptr;
+  uint32_t value = 0;
+  const char *extra_key = nullptr;
+  uint32_t extra = 0;
+};
+
+FaultKeys KeysOf(FaultKind kind) {
+  switch (kind) {
+    case FaultKind::kDelay:
+      return {"ms", 100};
+    case FaultKind::kCommError:
+      return {"code", 0x82};
+    case FaultKind::kTruncate:
+      return {"keep", 5};
+    case FaultKind::kNoiseBefore:
+      return {"bytes", 3};
+    case FaultKind::kNoiseInside:
+      return {"offset", 4, "bytes", 2};
+    case FaultKind::kSplitGap:
+      return {"offset", 4, "ms", 50};
+    default:
+      return {};
+  }
+}
 
 struct PendingBurst {
   uint64_t device = 0;
@@ -196,15 +226,20 @@ bool ParseOptions(const std::vector<std::string> &args, SimOptions *options, std
       PendingBurst pending;
       pending.burst.enabled = true;
       uint64_t command = pending.burst.command, period = pending.burst.period_ms, gap = pending.burst.min_gap_ms;
-      if (!reader.Number(keys, "command", 255, &command, name) || !reader.Number(keys, "period", 3600000, &period, name) ||
-          !reader.Number(keys, "gap", 60000, &gap, name) || !reader.Number(keys, "device", 63, &pending.device, name))
+      if (!reader.Number(keys, "command", 255, &command, name) ||
+          !reader.Number(keys, "period", 3600000, &period, name) || !reader.Number(keys, "gap", 60000, &gap, name) ||
+          !reader.Number(keys, "device", 63, &pending.device, name))
         return false;
       if (period == 0) return reader.Fail("--burst: period must be above 0");
       if (auto target = keys.find("target"); target != keys.end()) {
-        if (target->second == "primary") pending.burst.target = BurstTarget::kPrimary;
-        else if (target->second == "secondary") pending.burst.target = BurstTarget::kSecondary;
-        else if (target->second == "alternate") pending.burst.target = BurstTarget::kAlternate;
-        else return reader.Fail("--burst: target is primary, secondary or alternate");
+        if (target->second == "primary")
+          pending.burst.target = BurstTarget::kPrimary;
+        else if (target->second == "secondary")
+          pending.burst.target = BurstTarget::kSecondary;
+        else if (target->second == "alternate")
+          pending.burst.target = BurstTarget::kAlternate;
+        else
+          return reader.Fail("--burst: target is primary, secondary or alternate");
         keys.erase(target);
       }
       if (keys.erase("short")) pending.burst.long_frame = false;
@@ -219,25 +254,15 @@ bool ParseOptions(const std::vector<std::string> &args, SimOptions *options, std
       std::string kind_name = value.substr(0, colon);
       Keys keys = SplitKeys(colon == std::string::npos ? "" : value.substr(colon + 1));
       SimOptions::DeviceFault entry;
-      if (!ParseFaultKind(kind_name, &entry.fault.kind)) return reader.Fail("--fault: unknown kind '" + kind_name + "'");
+      if (!ParseFaultKind(kind_name, &entry.fault.kind))
+        return reader.Fail("--fault: unknown kind '" + kind_name + "'");
       Fault &fault = entry.fault;
-      // Each kind names its numbers for what they mean; defaults give a visible fault.
-      uint64_t value_number = 0, extra_number = 0;
-      const char *value_key = nullptr;
-      const char *extra_key = nullptr;
-      switch (fault.kind) {
-        case FaultKind::kDelay: value_key = "ms", value_number = 100; break;
-        case FaultKind::kCommError: value_key = "code", value_number = 0x82; break;
-        case FaultKind::kTruncate: value_key = "keep", value_number = 5; break;
-        case FaultKind::kNoiseBefore: value_key = "bytes", value_number = 3; break;
-        case FaultKind::kNoiseInside: value_key = "offset", value_number = 4, extra_key = "bytes", extra_number = 2; break;
-        case FaultKind::kSplitGap: value_key = "offset", value_number = 4, extra_key = "ms", extra_number = 50; break;
-        default: break;
-      }
+      FaultKeys named = KeysOf(fault.kind);
+      uint64_t value_number = named.value, extra_number = named.extra;
       uint64_t device = 0, command = 0, times = 0;
       bool has_device = keys.count("device") > 0, has_command = keys.count("command") > 0;
-      if ((value_key && !reader.Number(keys, value_key, 100000, &value_number, name)) ||
-          (extra_key && !reader.Number(keys, extra_key, 100000, &extra_number, name)) ||
+      if ((named.value_key && !reader.Number(keys, named.value_key, 100000, &value_number, name)) ||
+          (named.extra_key && !reader.Number(keys, named.extra_key, 100000, &extra_number, name)) ||
           !reader.Number(keys, "device", 63, &device, name) || !reader.Number(keys, "command", 255, &command, name) ||
           !reader.Number(keys, "times", 1000000, &times, name) || !reader.NoneLeft(keys, name))
         return false;
@@ -253,21 +278,28 @@ bool ParseOptions(const std::vector<std::string> &args, SimOptions *options, std
       result.second_master = true;
       SecondMasterConfig &peer = result.peer;
       uint64_t period = 1000, gap = peer.turn_gap_ms, quiet = peer.quiet_ms;
-      if (!reader.Number(keys, "period", 3600000, &period, name) || !reader.Number(keys, "command", 255, &peer_command, name) ||
+      if (!reader.Number(keys, "period", 3600000, &period, name) ||
+          !reader.Number(keys, "command", 255, &peer_command, name) ||
           !reader.Number(keys, "device", 63, &peer_device, name) || !reader.Number(keys, "gap", 60000, &gap, name) ||
           !reader.Number(keys, "quiet", 60000, &quiet, name))
         return false;
       if (period == 0) return reader.Fail("--second-master: period must be above 0");
       if (auto role = keys.find("role"); role != keys.end()) {
-        if (role->second == "primary") peer.role = Master::kPrimary;
-        else if (role->second == "secondary") peer.role = Master::kSecondary;
-        else return reader.Fail("--second-master: role is primary or secondary");
+        if (role->second == "primary")
+          peer.role = Master::kPrimary;
+        else if (role->second == "secondary")
+          peer.role = Master::kSecondary;
+        else
+          return reader.Fail("--second-master: role is primary or secondary");
         keys.erase(role);
       }
       if (auto mode = keys.find("mode"); mode != keys.end()) {
-        if (mode->second == "polite") peer.mode = PeerMode::kPolite;
-        else if (mode->second == "cue") peer.mode = PeerMode::kOnCue;
-        else return reader.Fail("--second-master: mode is polite or cue");
+        if (mode->second == "polite")
+          peer.mode = PeerMode::kPolite;
+        else if (mode->second == "cue")
+          peer.mode = PeerMode::kOnCue;
+        else
+          return reader.Fail("--second-master: mode is polite or cue");
         keys.erase(mode);
       }
       if (!reader.NoneLeft(keys, name)) return false;

@@ -1,12 +1,11 @@
 // The simulated line on a pseudo-terminal: creation, raw mode, and the paced read-write loop.
 #include "sim/sim_pty_runner.h"
 
-#include <algorithm>
-
 #include <fcntl.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -108,8 +107,10 @@ void PtyRunner::WriteDue(uint64_t now_us) {
   }
   if (!echo_.empty()) {
     ssize_t put = write(fd_, echo_.data(), echo_.size());
-    if (put > 0) echo_.erase(echo_.begin(), echo_.begin() + put);
-    else if (put < 0 && errno != EAGAIN && errno != EINTR) echo_.clear();
+    if (put > 0)
+      echo_.erase(echo_.begin(), echo_.begin() + put);
+    else if (put < 0 && errno != EAGAIN && errno != EINTR)
+      echo_.clear();
   }
   // A byte is handed over when its stop bit would have ended on a real line.
   uint64_t char_us = core_.CharTimeUs();

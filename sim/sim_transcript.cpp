@@ -8,14 +8,22 @@ namespace velmora::sim {
 
 const char *TranscriptKindName(TranscriptKind kind) {
   switch (kind) {
-    case TranscriptKind::kHeard: return "heard";
-    case TranscriptKind::kBadChecksum: return "bad-sum";
-    case TranscriptKind::kAbandoned: return "dropped";
-    case TranscriptKind::kIgnored: return "ignored";
-    case TranscriptKind::kReply: return "reply";
-    case TranscriptKind::kBurst: return "burst";
-    case TranscriptKind::kPeer: return "peer";
-    case TranscriptKind::kNote: return "note";
+    case TranscriptKind::kHeard:
+      return "heard";
+    case TranscriptKind::kBadChecksum:
+      return "bad-sum";
+    case TranscriptKind::kAbandoned:
+      return "dropped";
+    case TranscriptKind::kIgnored:
+      return "ignored";
+    case TranscriptKind::kReply:
+      return "reply";
+    case TranscriptKind::kBurst:
+      return "burst";
+    case TranscriptKind::kPeer:
+      return "peer";
+    case TranscriptKind::kNote:
+      return "note";
   }
   return "?";
 }

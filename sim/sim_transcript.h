@@ -37,7 +37,9 @@ class Transcript {
   explicit Transcript(size_t limit = 10000) : limit_(limit) {}
 
   void Add(TranscriptEntry entry);
-  void Note(uint64_t time_us, std::string text) { Add(TranscriptEntry{time_us, TranscriptKind::kNote, {}, std::move(text)}); }
+  void Note(uint64_t time_us, std::string text) {
+    Add(TranscriptEntry{time_us, TranscriptKind::kNote, {}, std::move(text)});
+  }
   const std::deque<TranscriptEntry> &Entries() const { return entries_; }
   size_t Count(TranscriptKind kind) const;
   void Clear() { entries_.clear(); }

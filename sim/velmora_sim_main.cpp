@@ -71,16 +71,14 @@ int main(int argc, char **argv) {
   for (size_t i = 0; i < runner.Core().DeviceCount(); ++i) {
     const DeviceConfig &device = runner.Core().DeviceAt(i).Config();
     std::fprintf(stderr, "velmora-sim: device %zu polling address %u device id %06X tag %s%s\n", i,
-                 device.polling_address, device.device_id, device.tag.c_str(),
-                 device.burst.enabled ? " (burst)" : "");
+                 device.polling_address, device.device_id, device.tag.c_str(), device.burst.enabled ? " (burst)" : "");
   }
 
   runner.RunUntil([] { return g_stop != 0; });
   runner.Close();
 
   const SimLine::Counters &stats = runner.Core().Stats();
-  std::fprintf(stderr,
-               "velmora-sim: stopped; %llu frames heard, %llu replies, %llu bursts, %llu bad checksums\n",
+  std::fprintf(stderr, "velmora-sim: stopped; %llu frames heard, %llu replies, %llu bursts, %llu bad checksums\n",
                static_cast<unsigned long long>(stats.frames_heard), static_cast<unsigned long long>(stats.replies),
                static_cast<unsigned long long>(stats.bursts), static_cast<unsigned long long>(stats.bad_checksums));
   if (transcript && transcript != stderr) std::fclose(transcript);

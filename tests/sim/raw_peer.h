@@ -59,7 +59,7 @@ inline Bytes LongRequest(const Address5 &address, uint8_t command, const Bytes &
 
 // One frame as received, taken apart by the test's own rules.
 struct RxFrame {
-  size_t offset = 0;     // index of the first preamble in the byte run
+  size_t offset = 0;  // index of the first preamble in the byte run
   size_t preambles = 0;
   uint8_t delimiter = 0;
   Bytes address;
@@ -154,8 +154,8 @@ class VirtualBench {
   uint64_t Send(const Bytes &bytes) {
     sent_at_us_ = clock_.NowMicros();
     line_->WriteAt(MemoryLine::kMasterEnd, bytes.data(), static_cast<uint32_t>(bytes.size()), sent_at_us_);
-    return sent_at_us_ + MemoryLine::CharMicros(line_->EndBaud(MemoryLine::kMasterEnd),
-                                                static_cast<uint32_t>(bytes.size()));
+    return sent_at_us_ +
+           MemoryLine::CharMicros(line_->EndBaud(MemoryLine::kMasterEnd), static_cast<uint32_t>(bytes.size()));
   }
   // Lets `ms` virtual milliseconds pass and gives what arrived at the master end meanwhile.
   std::vector<MemoryLine::TimedByte> Collect(uint32_t ms) {

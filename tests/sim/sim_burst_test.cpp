@@ -95,7 +95,8 @@ TEST_F(Burst, ARequestBetweenBurstsIsAnsweredAndTheNextBurstLeavesAGap) {
   EXPECT_EQ(reply.delimiter, 0x86);
   EXPECT_EQ(reply.command, 2);
   EXPECT_TRUE(reply.address[0] & 0x40) << "burst mode shows in replies";
-  uint64_t reply_end = frames[0].start_us + MemoryLine::CharMicros(1200, static_cast<uint32_t>(reply.end - reply.offset));
+  uint64_t reply_end =
+      frames[0].start_us + MemoryLine::CharMicros(1200, static_cast<uint32_t>(reply.end - reply.offset));
   EXPECT_EQ(frames[1].frame.delimiter, 0x81);
   EXPECT_GE(frames[1].start_us, reply_end + 75000);
 }

@@ -37,28 +37,45 @@ void CheckIdentity(const Bytes &p, VirtualBench &bench) {
   EXPECT_EQ(p[7] >> 3, config.hardware_revision);
   EXPECT_EQ((p[9] << 16) | (p[10] << 8) | p[11], static_cast<int>(config.device_id));
   EXPECT_EQ(p[12], config.response_preambles);
-  EXPECT_EQ(p[13], 3);                       // last device variable
-  EXPECT_EQ((p[14] << 8) | p[15], 0);        // nothing written yet
+  EXPECT_EQ(p[13], 3);                 // last device variable
+  EXPECT_EQ((p[14] << 8) | p[15], 0);  // nothing written yet
   EXPECT_EQ((p[17] << 8) | p[18], config.manufacturer_id);
 }
 
 std::vector<CommandCase> Cases() {
   return {
-      {"ReadUniqueIdentifier", 0, {}, false, 22, [](const RxFrame &f, VirtualBench &b, uint64_t) { CheckIdentity(f.Payload(), b); }},
-      {"ReadPrimaryVariable", 1, {}, false, 5,
+      {"ReadUniqueIdentifier",
+       0,
+       {},
+       false,
+       22,
+       [](const RxFrame &f, VirtualBench &b, uint64_t) { CheckIdentity(f.Payload(), b); }},
+      {"ReadPrimaryVariable",
+       1,
+       {},
+       false,
+       5,
        [](const RxFrame &f, VirtualBench &b, uint64_t t) {
          Bytes p = f.Payload();
          EXPECT_EQ(p[0], kUnitKiloPascal);
          EXPECT_EQ(FloatAt(p, 1), b.Dev().VariableValue(0, t));
        }},
-      {"ReadCurrentAndPercent", 2, {}, false, 8,
+      {"ReadCurrentAndPercent",
+       2,
+       {},
+       false,
+       8,
        [](const RxFrame &f, VirtualBench &b, uint64_t t) {
          Bytes p = f.Payload();
          EXPECT_EQ(FloatAt(p, 0), b.Dev().LoopCurrent(t));
          EXPECT_EQ(FloatAt(p, 4), b.Dev().PercentOfRange(t));
          EXPECT_NEAR(FloatAt(p, 0), 4.0f + 16.0f * FloatAt(p, 4) / 100.0f, 1e-4);
        }},
-      {"ReadDynamicVariables", 3, {}, false, 24,
+      {"ReadDynamicVariables",
+       3,
+       {},
+       false,
+       24,
        [](const RxFrame &f, VirtualBench &b, uint64_t t) {
          Bytes p = f.Payload();
          EXPECT_EQ(FloatAt(p, 0), b.Dev().LoopCurrent(t));
@@ -67,16 +84,36 @@ std::vector<CommandCase> Cases() {
            EXPECT_EQ(FloatAt(p, 5 + 5 * i), b.Dev().VariableValue(i, t)) << i;
          }
        }},
-      {"WritePollingAddress", 6, {5, 1}, false, 2,
+      {"WritePollingAddress",
+       6,
+       {5, 1},
+       false,
+       2,
        [](const RxFrame &f, VirtualBench &b, uint64_t) {
          EXPECT_EQ(f.Payload(), (Bytes{5, 1}));
          EXPECT_EQ(b.Dev().PollingAddress(), 5);
        }},
-      {"ReadLoopConfiguration", 7, {}, false, 2,
-       [](const RxFrame &f, VirtualBench &, uint64_t) { EXPECT_EQ(f.Payload(), (Bytes{0, 1})); }},
-      {"ReadClassifications", 8, {}, false, 4,
-       [](const RxFrame &f, VirtualBench &, uint64_t) { EXPECT_EQ(f.Payload(), (Bytes{65, 64, 64, 0})); }},
-      {"ReadDeviceVariables", 9, {1, kVarLoopCurrent}, false, 1 + 2 * 8 + 4,
+      {"ReadLoopConfiguration",
+       7,
+       {},
+       false,
+       2,
+       [](const RxFrame &f, VirtualBench &, uint64_t) {
+         EXPECT_EQ(f.Payload(), (Bytes{0, 1}));
+       }},
+      {"ReadClassifications",
+       8,
+       {},
+       false,
+       4,
+       [](const RxFrame &f, VirtualBench &, uint64_t) {
+         EXPECT_EQ(f.Payload(), (Bytes{65, 64, 64, 0}));
+       }},
+      {"ReadDeviceVariables",
+       9,
+       {1, kVarLoopCurrent},
+       false,
+       1 + 2 * 8 + 4,
        [](const RxFrame &f, VirtualBench &b, uint64_t t) {
          Bytes p = f.Payload();
          EXPECT_EQ(p[0], 0);  // extended status
@@ -96,19 +133,31 @@ std::vector<CommandCase> Cases() {
          CheckIdentity(f.Payload(), b);
          EXPECT_EQ(f.address, (Bytes{0x80, 0, 0, 0, 0}));  // the broadcast address comes back
        }},
-      {"ReadMessage", 12, {}, false, 24,
+      {"ReadMessage",
+       12,
+       {},
+       false,
+       24,
        [](const RxFrame &f, VirtualBench &, uint64_t) {
          Bytes p = f.Payload();
          EXPECT_EQ(UnpackAscii(p.data(), 24), PackedForm("SIMULATED FIELD DEVICE", 32));
        }},
-      {"ReadTagDescriptorDate", 13, {}, false, 21,
+      {"ReadTagDescriptorDate",
+       13,
+       {},
+       false,
+       21,
        [](const RxFrame &f, VirtualBench &, uint64_t) {
          Bytes p = f.Payload();
          EXPECT_EQ(UnpackAscii(p.data(), 6), "SIM0    ");
          EXPECT_EQ(UnpackAscii(p.data() + 6, 12), PackedForm("SIMULATOR", 16));
          EXPECT_EQ(Bytes(p.begin() + 18, p.end()), (Bytes{1, 1, 125}));
        }},
-      {"ReadTransducerInformation", 14, {}, false, 16,
+      {"ReadTransducerInformation",
+       14,
+       {},
+       false,
+       16,
        [](const RxFrame &f, VirtualBench &b, uint64_t) {
          Bytes p = f.Payload();
          EXPECT_EQ((p[0] << 16) | (p[1] << 8) | p[2], static_cast<int>(b.Dev().Config().transducer_serial));
@@ -117,7 +166,11 @@ std::vector<CommandCase> Cases() {
          EXPECT_EQ(FloatAt(p, 8), -100.0f);
          EXPECT_EQ(FloatAt(p, 12), 10.0f);
        }},
-      {"ReadDeviceInformation", 15, {}, false, 18,
+      {"ReadDeviceInformation",
+       15,
+       {},
+       false,
+       18,
        [](const RxFrame &f, VirtualBench &, uint64_t) {
          Bytes p = f.Payload();
          EXPECT_EQ(p[2], kUnitKiloPascal);
@@ -127,8 +180,14 @@ std::vector<CommandCase> Cases() {
          EXPECT_EQ(p[15], 0);  // not write protected
          EXPECT_EQ(p[16], kUnitNotUsed);
        }},
-      {"ReadFinalAssembly", 16, {}, false, 3,
-       [](const RxFrame &f, VirtualBench &, uint64_t) { EXPECT_EQ(f.Payload(), (Bytes{0x00, 0x01, 0x00})); }},
+      {"ReadFinalAssembly",
+       16,
+       {},
+       false,
+       3,
+       [](const RxFrame &f, VirtualBench &, uint64_t) {
+         EXPECT_EQ(f.Payload(), (Bytes{0x00, 0x01, 0x00}));
+       }},
       {"WriteMessage", 17, PackAscii("NEW MESSAGE TEXT", 32), false, 24,
        [](const RxFrame &f, VirtualBench &b, uint64_t) {
          EXPECT_EQ(f.Payload(), PackAscii("NEW MESSAGE TEXT", 32));
@@ -147,13 +206,23 @@ std::vector<CommandCase> Cases() {
          EXPECT_EQ(Bytes(p.begin() + 18, p.end()), (Bytes{24, 12, 125}));
          EXPECT_EQ(b.Dev().Config().tag, "TT-101  ");
        }},
-      {"WriteFinalAssembly", 19, {0x12, 0x34, 0x56}, false, 3,
+      {"WriteFinalAssembly",
+       19,
+       {0x12, 0x34, 0x56},
+       false,
+       3,
        [](const RxFrame &f, VirtualBench &b, uint64_t) {
          EXPECT_EQ(f.Payload(), (Bytes{0x12, 0x34, 0x56}));
          EXPECT_EQ(b.Dev().Config().final_assembly, 0x123456u);
        }},
-      {"ReadLongTag", 20, {}, false, 32,
-       [](const RxFrame &f, VirtualBench &, uint64_t) { EXPECT_EQ(f.Payload(), Text("VELMORA SIMULATED DEVICE 0", 32)); }},
+      {"ReadLongTag",
+       20,
+       {},
+       false,
+       32,
+       [](const RxFrame &f, VirtualBench &, uint64_t) {
+         EXPECT_EQ(f.Payload(), Text("VELMORA SIMULATED DEVICE 0", 32));
+       }},
       {"ReadUniqueIdentifierByLongTag", 21, Text("VELMORA SIMULATED DEVICE 0", 32), true, 22,
        [](const RxFrame &f, VirtualBench &b, uint64_t) { CheckIdentity(f.Payload(), b); }},
       {"WriteLongTag", 22, Text("Boiler feed pump, north wing", 32), false, 32,
@@ -161,9 +230,19 @@ std::vector<CommandCase> Cases() {
          EXPECT_EQ(f.Payload(), Text("Boiler feed pump, north wing", 32));
          EXPECT_EQ(b.Dev().Config().long_tag, "Boiler feed pump, north wing");
        }},
-      {"ResetConfigurationChanged", 38, {}, false, 2,
-       [](const RxFrame &f, VirtualBench &, uint64_t) { EXPECT_EQ(f.Payload(), (Bytes{0, 0})); }},
-      {"ReadAdditionalStatus", 48, {}, false, 25,
+      {"ResetConfigurationChanged",
+       38,
+       {},
+       false,
+       2,
+       [](const RxFrame &f, VirtualBench &, uint64_t) {
+         EXPECT_EQ(f.Payload(), (Bytes{0, 0}));
+       }},
+      {"ReadAdditionalStatus",
+       48,
+       {},
+       false,
+       25,
        [](const RxFrame &f, VirtualBench &, uint64_t) { EXPECT_EQ(f.Payload(), Bytes(25, 0)); }},
   };
 }
@@ -199,7 +278,9 @@ TEST_P(UniversalCommand, GivesAWellFormedReplyWithTheRightData) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Sim, UniversalCommand, ::testing::ValuesIn(Cases()),
-                         [](const ::testing::TestParamInfo<CommandCase> &info) { return std::string(info.param.name); });
+                         [](const ::testing::TestParamInfo<CommandCase> &info) {
+                           return std::string(info.param.name);
+                         });
 
 TEST(SimCommands, CommandZeroWorksInTheShortForm) {
   VirtualBench bench;

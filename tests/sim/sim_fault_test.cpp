@@ -182,9 +182,9 @@ TEST(SimFaults, TheTranscriptNamesTheFault) {
 }
 
 TEST(SimFaults, KindsHaveNamesBothWays) {
-  for (FaultKind kind : {FaultKind::kDelay, FaultKind::kBusy, FaultKind::kCommError, FaultKind::kNoReply,
-                         FaultKind::kTruncate, FaultKind::kBadChecksum, FaultKind::kNoiseBefore,
-                         FaultKind::kNoiseInside, FaultKind::kSplitGap}) {
+  for (FaultKind kind :
+       {FaultKind::kDelay, FaultKind::kBusy, FaultKind::kCommError, FaultKind::kNoReply, FaultKind::kTruncate,
+        FaultKind::kBadChecksum, FaultKind::kNoiseBefore, FaultKind::kNoiseInside, FaultKind::kSplitGap}) {
     FaultKind back = FaultKind::kNoReply;
     ASSERT_TRUE(ParseFaultKind(FaultKindName(kind), &back)) << FaultKindName(kind);
     EXPECT_EQ(back, kind);

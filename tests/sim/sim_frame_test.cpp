@@ -1,9 +1,10 @@
 // The simulator's own frame code and data encodings: checksums, the frame layout, the
 // byte-at-a-time receiver with its preamble and gap rules, packed ASCII and floats.
+#include "sim/sim_frame.h"
+
 #include <gtest/gtest.h>
 
 #include "sim/sim_data.h"
-#include "sim/sim_frame.h"
 
 namespace velmora::sim {
 namespace {
@@ -114,8 +115,10 @@ TEST_F(Receiver, LongestFrameFitsAndTheByteAfterItStartsOver) {
   bytes.insert(bytes.end(), 100, 0x33);  // more bytes than any count can announce
   for (size_t i = 0; i < bytes.size(); ++i) {
     Outcome o = receiver.Push(bytes[i], now_us);
-    if (i == 5 + 8 + 255) EXPECT_EQ(o, Outcome::kFrame);
-    else EXPECT_NE(o, Outcome::kFrame) << i;
+    if (i == 5 + 8 + 255)
+      EXPECT_EQ(o, Outcome::kFrame);
+    else
+      EXPECT_NE(o, Outcome::kFrame) << i;
   }
   EXPECT_EQ(receiver.LastFrame().data.size(), 255u);
 }

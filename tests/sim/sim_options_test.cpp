@@ -1,7 +1,7 @@
 // velmora-sim's command line: what each option sets, and what it refuses.
-#include <gtest/gtest.h>
-
 #include "sim/sim_options.h"
+
+#include <gtest/gtest.h>
 
 namespace velmora::sim {
 namespace {
@@ -63,7 +63,8 @@ TEST(SimOptions, LineSettings) {
 }
 
 TEST(SimOptions, Burst) {
-  SimOptions options = Parse({"--devices", "2", "--burst", "command=3,period=250,device=1,target=secondary,gap=40,short"});
+  SimOptions options =
+      Parse({"--devices", "2", "--burst", "command=3,period=250,device=1,target=secondary,gap=40,short"});
   EXPECT_FALSE(options.devices[0].burst.enabled);
   const BurstConfig &burst = options.devices[1].burst;
   EXPECT_TRUE(burst.enabled);
@@ -82,15 +83,14 @@ struct FaultLine {
 };
 
 TEST(SimOptions, EveryFaultKindWithItsNumbers) {
-  for (const FaultLine &f : {FaultLine{"delay:ms=250", FaultKind::kDelay, 250, 0},
-                             FaultLine{"busy", FaultKind::kBusy, 0, 0},
-                             FaultLine{"comm-error:code=0x88", FaultKind::kCommError, 0x88, 0},
-                             FaultLine{"no-reply", FaultKind::kNoReply, 0, 0},
-                             FaultLine{"truncate:keep=9", FaultKind::kTruncate, 9, 0},
-                             FaultLine{"bad-checksum", FaultKind::kBadChecksum, 0, 0},
-                             FaultLine{"noise-before:bytes=6", FaultKind::kNoiseBefore, 6, 0},
-                             FaultLine{"noise-inside:offset=3,bytes=2", FaultKind::kNoiseInside, 3, 2},
-                             FaultLine{"split:offset=5,ms=80", FaultKind::kSplitGap, 5, 80}}) {
+  for (const FaultLine &f :
+       {FaultLine{"delay:ms=250", FaultKind::kDelay, 250, 0}, FaultLine{"busy", FaultKind::kBusy, 0, 0},
+        FaultLine{"comm-error:code=0x88", FaultKind::kCommError, 0x88, 0},
+        FaultLine{"no-reply", FaultKind::kNoReply, 0, 0}, FaultLine{"truncate:keep=9", FaultKind::kTruncate, 9, 0},
+        FaultLine{"bad-checksum", FaultKind::kBadChecksum, 0, 0},
+        FaultLine{"noise-before:bytes=6", FaultKind::kNoiseBefore, 6, 0},
+        FaultLine{"noise-inside:offset=3,bytes=2", FaultKind::kNoiseInside, 3, 2},
+        FaultLine{"split:offset=5,ms=80", FaultKind::kSplitGap, 5, 80}}) {
     SimOptions options = Parse({"--fault", f.text});
     ASSERT_EQ(options.faults.size(), 1u) << f.text;
     const Fault &fault = options.faults[0].fault;
@@ -115,8 +115,8 @@ TEST(SimOptions, FaultTargets) {
 }
 
 TEST(SimOptions, SecondMaster) {
-  SimOptions options =
-      Parse({"--devices", "2", "--second-master", "period=700,command=9,device=1,role=primary,mode=cue,gap=30,quiet=200"});
+  SimOptions options = Parse(
+      {"--devices", "2", "--second-master", "period=700,command=9,device=1,role=primary,mode=cue,gap=30,quiet=200"});
   ASSERT_TRUE(options.second_master);
   EXPECT_EQ(options.peer.period_ms, 700u);
   EXPECT_EQ(options.peer.role, Master::kPrimary);

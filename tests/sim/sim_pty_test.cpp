@@ -3,13 +3,12 @@
 // a readiness handshake (the terminal's path on its first line) and stopped with SIGTERM.
 // Real time: the bounds on timing are generous.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>

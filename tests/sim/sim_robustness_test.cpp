@@ -30,16 +30,25 @@ Bytes Garbage(std::mt19937 &rng, size_t count, const Address5 &address) {
   std::uniform_int_distribution<int> kind(0, 9);
   while (out.size() < count) {
     switch (kind(rng)) {
-      case 0: out.insert(out.end(), static_cast<size_t>(byte(rng) % 25), 0xFF); break;
-      case 1: out.push_back(static_cast<uint8_t>(byte(rng) % 2 ? 0x02 : 0x82)); break;
+      case 0:
+        out.insert(out.end(), static_cast<size_t>(byte(rng) % 25), 0xFF);
+        break;
+      case 1:
+        out.push_back(static_cast<uint8_t>(byte(rng) % 2 ? 0x02 : 0x82));
+        break;
       case 2: {
-        Bytes frame = LongRequest(address, static_cast<uint8_t>(byte(rng)), Bytes(static_cast<size_t>(byte(rng)), 0x41));
+        Bytes frame =
+            LongRequest(address, static_cast<uint8_t>(byte(rng)), Bytes(static_cast<size_t>(byte(rng)), 0x41));
         if (byte(rng) % 2) frame.back() ^= 0x01;
         out.insert(out.end(), frame.begin(), frame.end());
         break;
       }
-      case 3: out.insert(out.end(), {0xFF, 0xFF, 0x82, static_cast<uint8_t>(byte(rng)), 0, 0, 0, 0, 0xFF}); break;
-      default: out.push_back(static_cast<uint8_t>(byte(rng))); break;
+      case 3:
+        out.insert(out.end(), {0xFF, 0xFF, 0x82, static_cast<uint8_t>(byte(rng)), 0, 0, 0, 0, 0xFF});
+        break;
+      default:
+        out.push_back(static_cast<uint8_t>(byte(rng)));
+        break;
     }
   }
   out.resize(count);
@@ -113,7 +122,8 @@ TEST(SimRobustness, ARequestWithEveryDataLengthIsHandled) {
   VirtualBench bench(LineConfig{}, 1);
   size_t answered = 0;
   for (size_t length : {0u, 1u, 24u, 31u, 32u, 33u, 200u, 254u, 255u}) {
-    std::vector<RxFrame> frames = AllFrames(bench.Exchange(LongRequest(bench.LongAddressOf(), 17, Bytes(length, 0x55)), 3500));
+    std::vector<RxFrame> frames =
+        AllFrames(bench.Exchange(LongRequest(bench.LongAddressOf(), 17, Bytes(length, 0x55)), 3500));
     ASSERT_EQ(frames.size(), 1u) << length;
     EXPECT_EQ(frames[0].ResponseCode(), length < 24 ? kTooFewDataBytes : 0) << length;
     ++answered;

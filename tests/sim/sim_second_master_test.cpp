@@ -52,8 +52,7 @@ TEST(SimSecondMaster, TakesItsTurnAfterTheReplyToTheOtherMaster) {
   EXPECT_EQ(peer_request.frame.command, 1);
   EXPECT_TRUE(peer_request.frame.checksum_ok);
   uint64_t turn = EndOf(our_reply) + 20000;
-  EXPECT_EQ(peer_request.start_us, (turn + 999) / 1000 * 1000)
-      << "at the first tick of its turn";
+  EXPECT_EQ(peer_request.start_us, (turn + 999) / 1000 * 1000) << "at the first tick of its turn";
 
   const Heard &peer_reply = frames[2];
   EXPECT_EQ(peer_reply.frame.delimiter, 0x86);
