@@ -73,7 +73,7 @@ TEST(SimRobustness, RandomBytesOnTheLineThenAValidRequestIsAnswered) {
   bench.Core().Peer().Configure(peer);
 
   std::uniform_int_distribution<int> pause(0, 60);
-  for (int round = 0; round < 200; ++round) {
+  for (int round = 0; round < 500; ++round) {
     bench.Send(Garbage(rng, 1 + static_cast<size_t>(pause(rng)) * 5, bench.LongAddressOf(0)));
     bench.Collect(static_cast<uint32_t>(pause(rng)));
   }
