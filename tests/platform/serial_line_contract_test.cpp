@@ -125,6 +125,14 @@ TEST_P(SerialLineContract, BytesGoBothWays) {
   EXPECT_EQ(in[2], 0xFF);
 }
 
+TEST_P(SerialLineContract, ReopensAfterClose) {
+  line_.reset();
+  for (int i = 0; i < 3; ++i) {
+    OpenedLine again = OpenSerialLine(far_->Device());
+    ASSERT_EQ(again.status, LineStatus::kOk) << LineStatusText(again.status) << " errno " << again.os_error;
+  }
+}
+
 TEST_P(SerialLineContract, EmptyReadReturnsAtOnce) {
   uint8_t in[16];
   const auto start = std::chrono::steady_clock::now();
