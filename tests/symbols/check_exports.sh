@@ -5,7 +5,7 @@ set -euo pipefail
 library=$1 map=$2 header=$3
 exported=$(nm -D --defined-only "$library" | awk '{print $3}' | sed 's/@.*//' | grep -v '^VELMORA_1$' | sort -u)
 listed=$(grep -E '^    [A-Za-z_][A-Za-z0-9_]*;$' "$map" | tr -d ' ;' | sort -u)
-declared=$(grep -oE 'VELMORA_API [^(]*\b([A-Za-z_][A-Za-z0-9_]*)\(' "$header" | sed -E 's/.*[ *]([A-Za-z_][A-Za-z0-9_]*)\($/\1/' | sort -u)
+declared=$(grep -v '^#' "$header" | grep -oE 'VELMORA_API [^(]*\b([A-Za-z_][A-Za-z0-9_]*)\(' | sed -E 's/.*[ *]([A-Za-z_][A-Za-z0-9_]*)\($/\1/' | sort -u)
 status=0
 if [ "$exported" != "$listed" ]; then
   echo "exported symbols differ from the version script:"
