@@ -162,6 +162,25 @@ TEST_F(MemoryLineStories, MonitorSeesEveryFrameOfAnExchange) {
   EXPECT_EQ(*delimiter, 0x06);
 }
 
+TEST_F(MemoryLineStories, HistoryTextOfAnExchange) {
+  StartSim();
+  FlushHistory();
+  Client client(kPort, kBaudCode, Client::kHistoryMsg);
+  ASSERT_TRUE(client.Await(client.SendShort(0)).has_value());
+  MSG msg;
+  bool closed = std::any_of(client.others.begin(), client.others.end(),
+                            [](const MSG &m) { return m.message == Client::kHistoryMsg; });
+  for (int i = 0; i < 100 && !closed; ++i)
+    closed = GetMessageTimeout(&msg, client.Window(), 20) && msg.message == Client::kHistoryMsg;
+  ASSERT_TRUE(closed);
+  const std::string text = GetHistory(30).str();
+  EXPECT_NE(text.find("Request, Preambles 5, STX, CMD 0, "), std::string::npos) << text;
+  EXPECT_NE(text.find("Rsp Code 1: 00"), std::string::npos) << text;
+  EXPECT_NE(text.find("remSRQ/TRXq, hServ: "), std::string::npos) << text;
+  EXPECT_NE(text.find("->K"), std::string::npos) << text;
+  FlushHistory();
+}
+
 TEST_F(MemoryLineStories, UnregisterWithRequestsQueuedAndOneInService) {
   device_->AddFault(sim::Fault::Delay(300).Always());
   StartSim();
