@@ -62,6 +62,17 @@ class ExchangeTest : public LinkFixture {
   void ReachLineFree() {
     ASSERT_TRUE(RunUntil([&] { return Port().nMacState.load() == macLineFree; }, 400));
   }
+  // Runs passes until reply notices arrive, at most ms; gives them.
+  std::vector<MSG> AwaitReplies(unsigned int ms) {
+    std::vector<MSG> replies;
+    RunUntil(
+        [&] {
+          for (const MSG &m : Replies()) replies.push_back(m);
+          return !replies.empty();
+        },
+        ms);
+    return replies;
+  }
   size_t PendingReplies() {
     MSG msg;
     return PeekMessageA(&msg, app_window_, kReplyMsg, kReplyMsg, PM_NOREMOVE) ? 1 : 0;
@@ -240,13 +251,8 @@ INSTANTIATE_TEST_SUITE_P(Retries, RetryTest,
 TEST_F(ExchangeTest, FailureNoticeCarriesTheFailureWord) {
   ReachLineFree();
   const unsigned int hServ = Send(0);
-  std::vector<MSG> replies;
-  ASSERT_TRUE(RunUntil(
-      [&] {
-        for (const MSG &m : Replies()) replies.push_back(m);
-        return !replies.empty();
-      },
-      2000));
+  const std::vector<MSG> replies = AwaitReplies(2000);
+  ASSERT_FALSE(replies.empty());
   EXPECT_EQ(replies[0].wParam, hServ);
   EXPECT_EQ(static_cast<unsigned int>(replies[0].lParam), 0xFFFFu);
 }
@@ -263,13 +269,8 @@ TEST_F(ExchangeTest, CommunicationErrorIsRetriedThenTheGoodReplyDelivered) {
   });
   ReachLineFree();
   const unsigned int hServ = Send(0);
-  std::vector<MSG> replies;
-  ASSERT_TRUE(RunUntil(
-      [&] {
-        for (const MSG &m : Replies()) replies.push_back(m);
-        return !replies.empty();
-      },
-      3000));
+  const std::vector<MSG> replies = AwaitReplies(3000);
+  ASSERT_FALSE(replies.empty());
   EXPECT_EQ(answered, 2);
   EXPECT_EQ(static_cast<unsigned int>(replies[0].lParam), 0x80040u);
   std::vector<unsigned int> codes;
@@ -292,13 +293,8 @@ TEST_F(ExchangeTest, ReplyWithoutStatusBytesCountsAsCommunicationError) {
   });
   ReachLineFree();
   const unsigned int hServ = Send(0);
-  std::vector<MSG> replies;
-  ASSERT_TRUE(RunUntil(
-      [&] {
-        for (const MSG &m : Replies()) replies.push_back(m);
-        return !replies.empty();
-      },
-      2000));
+  const std::vector<MSG> replies = AwaitReplies(2000);
+  ASSERT_FALSE(replies.empty());
   EXPECT_EQ(answered, 1);
   EXPECT_EQ(replies[0].wParam, hServ);
   EXPECT_EQ(static_cast<unsigned int>(replies[0].lParam), 0xFFFFu);
@@ -364,13 +360,8 @@ TEST_F(ExchangeTest, Command39InLongFrameIsNeverRepeated) {
   std::copy(address, address + 5, request.abLongAddress);
   const unsigned int hServ = HART_SendRequest(kApp, &request, 1);
   ASSERT_NE(hServ, kNone);
-  std::vector<MSG> replies;
-  ASSERT_TRUE(RunUntil(
-      [&] {
-        for (const MSG &m : Replies()) replies.push_back(m);
-        return !replies.empty();
-      },
-      2000));
+  const std::vector<MSG> replies = AwaitReplies(2000);
+  ASSERT_FALSE(replies.empty());
   EXPECT_EQ(answered, 1);
   EXPECT_EQ(static_cast<unsigned int>(replies[0].lParam), 0x2000u);
 }
@@ -381,13 +372,8 @@ TEST_F(ExchangeTest, BurstBitInDeliveredReplySetsTheWordsBit27) {
   });
   ReachLineFree();
   Send(0);
-  std::vector<MSG> replies;
-  ASSERT_TRUE(RunUntil(
-      [&] {
-        for (const MSG &m : Replies()) replies.push_back(m);
-        return !replies.empty();
-      },
-      2000));
+  const std::vector<MSG> replies = AwaitReplies(2000);
+  ASSERT_FALSE(replies.empty());
   EXPECT_EQ(static_cast<unsigned int>(replies[0].lParam), 0x8000000u);
 }
 
@@ -550,13 +536,8 @@ TEST_F(ExchangeTest, ReplyCutOffIsDroppedByTheGapRuleAndRetried) {
   });
   ReachLineFree();
   const unsigned int hServ = Send(0);
-  std::vector<MSG> replies;
-  ASSERT_TRUE(RunUntil(
-      [&] {
-        for (const MSG &m : Replies()) replies.push_back(m);
-        return !replies.empty();
-      },
-      3000));
+  const std::vector<MSG> replies = AwaitReplies(3000);
+  ASSERT_FALSE(replies.empty());
   EXPECT_EQ(answered, 2);
   EXPECT_EQ(replies[0].wParam, hServ);
   EXPECT_EQ(static_cast<unsigned int>(replies[0].lParam), 0x80040u);
