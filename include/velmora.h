@@ -352,15 +352,22 @@ VELMORA_API unsigned int SetBaudRate(tagCOMPORTINFO *pPort) noexcept;
 
 // ---------------------------------------------------------------------------------------------
 // The request interface.
+// Registers a notice window with a port (see RegisterApplication). 1 registered; 0 not, *phApp -1.
 VELMORA_API unsigned int HART_RegisterDriver(tagHARTREGISTRATION *pReg, unsigned int *phApp) noexcept;
 VELMORA_API unsigned int HART_UnRegisterDriver(unsigned int hApp) noexcept;
+// Stores the five settings of the application's port, clamped (preambles 5..20, retries 0..10,
+// baud code 0..2 with anything above 2 as 0), and puts the rate into effect at once. Reading gives
+// nMasterType 1 for a primary master and 2 for a secondary one. 1 done; 0 for a handle out of range
+// or a null record.
 VELMORA_API unsigned int HART_SetConfiguration(unsigned int hApp, tagHARTCONFIG *pConfig) noexcept;
 VELMORA_API unsigned int HART_GetConfiguration(unsigned int hApp, tagHARTCONFIG *pConfig) noexcept;
 // Queues a request; returns hServ, or -1 (no service row, no memory, queue full, or a frame
 // that would pass 256 bytes). The reply notice carries hServ in wParam.
 VELMORA_API unsigned int HART_SendRequest(unsigned int hApp, tagHARTREQUEST *pRequest,
                                           unsigned int nAppId) noexcept;
-// 1 reply delivered into *pRequest; 0 no reply for hServ at present (also for hServ 65535).
+// 1 reply delivered into *pRequest; 0 no reply for hServ at present (also for hServ 65535). A
+// failed transaction is delivered as a reply of no data, response code 128, status 0. Copies at
+// most 253 bytes to pRequest->pData.
 VELMORA_API unsigned int HART_ReceiveRequest(unsigned int hApp, unsigned int hServ,
                                              tagHARTREQUEST *pRequest, unsigned int *pnAppId) noexcept;
 // These accept their call, change nothing and return 1. Write the row fields instead.
