@@ -210,6 +210,14 @@ unsigned int ReplyWait(tagCOMPORTINFO *port, unsigned int event, bool in_turn) {
   return next;
 }
 
+// A time-out that an action answers: the monitor hears of it, then the receiver starts over.
+unsigned int AfterTimeOut(tagCOMPORTINFO *port, unsigned int (*action)(tagCOMPORTINFO *)) {
+  TimeOutNotice(port);
+  const unsigned int next = action(port);
+  ResetRxFrame(port);
+  return next;
+}
+
 unsigned int Step(tagCOMPORTINFO *port, unsigned int state, unsigned int event) {
   typRxFrameStruct &rx = Rx(port);
   switch (state) {
@@ -234,12 +242,7 @@ unsigned int Step(tagCOMPORTINFO *port, unsigned int state, unsigned int event) 
       return state;
 
     case macPeerRequestHeard:
-      if (event == evTimeOut) {
-        TimeOutNotice(port);
-        unsigned int next = ActP(port);
-        ResetRxFrame(port);
-        return next;
-      }
+      if (event == evTimeOut) return AfterTimeOut(port, ActP);
       if (event == evFirstByte) return ActD(port);
       return state;
 
@@ -294,12 +297,7 @@ unsigned int Step(tagCOMPORTINFO *port, unsigned int state, unsigned int event) 
       return state;
 
     case macHoldOff:
-      if (event == evTimeOut) {
-        TimeOutNotice(port);
-        unsigned int next = ActN(port);
-        ResetRxFrame(port);
-        return next;
-      }
+      if (event == evTimeOut) return AfterTimeOut(port, ActN);
       if (event == evFrameDone) return HeardWhileIdle(port, ActN);
       if (event == evBytesRead && rx.nRxState >= 2) ArmIdleTimeOut(port);
       return state;

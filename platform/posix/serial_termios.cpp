@@ -1,9 +1,8 @@
 // The POSIX serial backend: real ports and pseudo-terminals through termios.
 //
-// Traps it avoids: Linux raises RTS and DTR inside open(), so RTS is cleared at once; CLOCAL
-// is set and HUPCL and CRTSCTS cleared (with CRTSCTS, RTS requests "succeed" without moving the
-// pin); PARMRK stays off, since it would double every 0xFF and preambles are 0xFF; settings are
-// never verified by reading them back, because a pseudo-terminal reads odd parity back as none.
+// Traps it avoids: Linux raises RTS and DTR inside open(), so RTS is cleared at once; settings
+// are never verified by reading them back, because a pseudo-terminal reads odd parity back as
+// none.
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
@@ -14,18 +13,11 @@
 #include <new>
 
 #include "platform/clock.h"
+#include "platform/posix/termios_settings.h"
 #include "platform/serial_line.h"
 
 namespace velmora::platform::os {
 namespace {
-
-speed_t SpeedOf(uint32_t baud) {
-  switch (baud) {
-    case 9600: return B9600;
-    case 19200: return B19200;
-    default: return B1200;
-  }
-}
 
 class TermiosLine final : public SerialLine {
  public:
@@ -38,15 +30,7 @@ class TermiosLine final : public SerialLine {
   bool Setup() {
     termios tio{};
     if (tcgetattr(fd_, &tio) != 0) return Fail();
-    cfmakeraw(&tio);
-    tio.c_cflag &= ~static_cast<tcflag_t>(CSIZE | CSTOPB | HUPCL | CRTSCTS);
-    tio.c_cflag |= CS8 | PARENB | PARODD | CLOCAL | CREAD;
-    // Damaged bytes go to the parser like any other: no parity check, no marking.
-    tio.c_iflag &= ~static_cast<tcflag_t>(INPCK | PARMRK | IGNPAR | IXON | IXOFF | IXANY | ISTRIP);
-    tio.c_cc[VMIN] = 0;
-    tio.c_cc[VTIME] = 0;
-    cfsetispeed(&tio, B1200);
-    cfsetospeed(&tio, B1200);
+    MakeHartLineSettings(tio, 1200);
     if (tcsetattr(fd_, TCSANOW, &tio) == 0) return true;
     // A pseudo-terminal that an earlier master left with odd parity refuses parity again
     // (EINVAL); it has no parity bit on its wire anyway, so take it without.

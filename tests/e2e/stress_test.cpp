@@ -31,6 +31,7 @@ std::vector<unsigned char> Answer(const std::vector<unsigned char> &request) {
 
 struct Tally {
   std::atomic<unsigned int> sent{0}, received{0}, abandoned{0}, errors{0};
+  std::atomic<unsigned int> stray{0}, bad_reply{0}, missing{0};
 };
 
 void Application(unsigned int seed, std::chrono::steady_clock::time_point end, Tally &tally) {
@@ -66,19 +67,26 @@ void Application(unsigned int seed, std::chrono::steady_clock::time_point end, T
         auto it = outstanding.find(hServ);
         if (it == outstanding.end()) {
           ++tally.errors;  // a notice twice, or for a request not ours
+          ++tally.stray;
           continue;
         }
         unsigned char data[256];
         tagHARTREQUEST reply{};
         reply.pData = data;
         if (HART_ReceiveRequest(hApp, hServ, &reply, nullptr) != 1 || reply.nDataCount != 1 ||
-            data[0] != it->second)
+            data[0] != it->second) {
           ++tally.errors;
-        else
+          ++tally.bad_reply;
+        }
+        else {
           ++tally.received;
+        }
         outstanding.erase(it);
       }
-      if (!outstanding.empty()) tally.errors += static_cast<unsigned int>(outstanding.size());
+      if (!outstanding.empty()) {
+        tally.errors += static_cast<unsigned int>(outstanding.size());
+        tally.missing += static_cast<unsigned int>(outstanding.size());
+      }
     } else {
       tally.abandoned += static_cast<unsigned int>(outstanding.size());
     }
@@ -108,7 +116,9 @@ TEST(StressTest, ManyApplicationsOnEightPorts) {
   for (std::thread &thread : threads) thread.join();
 
   SCOPED_TRACE("sent " + std::to_string(tally.sent.load()) + ", received " + std::to_string(tally.received.load()) +
-               ", abandoned " + std::to_string(tally.abandoned.load()));
+               ", abandoned " + std::to_string(tally.abandoned.load()) + "; stray " +
+               std::to_string(tally.stray.load()) + ", bad " + std::to_string(tally.bad_reply.load()) + ", missing " +
+               std::to_string(tally.missing.load()));
   EXPECT_EQ(tally.errors.load(), 0u);
   EXPECT_GT(tally.received.load(), 20u);
   EXPECT_EQ(tally.sent.load(), tally.received.load() + tally.abandoned.load());

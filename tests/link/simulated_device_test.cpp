@@ -31,6 +31,18 @@ class SimulatedDeviceTest : public LinkFixture {
       if (msg.message == kReplyMsg) out.push_back(msg);
     return out;
   }
+  // Runs until a reply notice is in and the line is free again, noting each state passed.
+  bool RunToReply(std::vector<unsigned int> &states, std::vector<MSG> &replies, unsigned int ms) {
+    states = {Port().nMacState.load()};
+    return RunUntil(
+        [&] {
+          const unsigned int state = Port().nMacState.load();
+          if (state != states.back()) states.push_back(state);
+          for (const MSG &m : Replies()) replies.push_back(m);
+          return !replies.empty() && state == macLineFree;
+        },
+        ms);
+  }
   std::unique_ptr<sim::MemoryLineRunner> runner_;
   sim::Device *device_ = nullptr;
 };
@@ -38,16 +50,9 @@ class SimulatedDeviceTest : public LinkFixture {
 TEST_F(SimulatedDeviceTest, CommandZeroOnTheFreeLine) {
   ASSERT_TRUE(RunUntil([&] { return Port().nMacState.load() == macLineFree; }, 400));
   const unsigned int hServ = Send(0);
-  std::vector<unsigned int> states = {Port().nMacState.load()};
+  std::vector<unsigned int> states;
   std::vector<MSG> replies;
-  ASSERT_TRUE(RunUntil(
-      [&] {
-        const unsigned int state = Port().nMacState.load();
-        if (state != states.back()) states.push_back(state);
-        for (const MSG &m : Replies()) replies.push_back(m);
-        return !replies.empty() && state == macLineFree;
-      },
-      1500));
+  ASSERT_TRUE(RunToReply(states, replies, 1500));
   EXPECT_EQ(states, (std::vector<unsigned int>{macLineFree, macFreeReplyWait, macHoldOff, macLineFree}));
   EXPECT_EQ(replies[0].wParam, hServ);
   unsigned char data[256];
@@ -72,16 +77,9 @@ TEST_F(SimulatedDeviceTest, SecondMastersExchangeGivesThisMasterItsTurn) {
   runner_->Core().Peer().Send(request, NowUs());
   ASSERT_TRUE(RunUntil([&] { return Port().nMacState.load() == macPeerRequestHeard; }, 500));
   const unsigned int hServ = Send(0);
-  std::vector<unsigned int> states = {Port().nMacState.load()};
+  std::vector<unsigned int> states;
   std::vector<MSG> replies;
-  ASSERT_TRUE(RunUntil(
-      [&] {
-        const unsigned int state = Port().nMacState.load();
-        if (state != states.back()) states.push_back(state);
-        for (const MSG &m : Replies()) replies.push_back(m);
-        return !replies.empty() && state == macLineFree;
-      },
-      2000));
+  ASSERT_TRUE(RunToReply(states, replies, 2000));
   EXPECT_EQ(states, (std::vector<unsigned int>{macPeerRequestHeard, macPeerReplyRunning, macOwnTurnGap,
                                                macTurnReplyWait, macHoldOff, macLineFree}));
   EXPECT_EQ(replies[0].wParam, hServ);
