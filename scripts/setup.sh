@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what building and testing Velmora needs, where it is missing (Debian packages).
+# Extra package names given as arguments are installed too.
 set -euo pipefail
-packages=(cmake g++ make pkg-config googletest libgtest-dev libgmock-dev libbenchmark-dev)
+packages=(cmake g++ make pkg-config googletest libgtest-dev libgmock-dev libbenchmark-dev "$@")
 missing=()
 for package in "${packages[@]}"; do
   dpkg -s "$package" >/dev/null 2>&1 || missing+=("$package")
