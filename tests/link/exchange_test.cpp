@@ -1,12 +1,11 @@
-// Stories of the link layer on the in-memory line in virtual time: a scripted field device at
-// the far end, the worker's passes run by the test, every millisecond exact.
-#include <algorithm>
+// Stories of the link layer on the in-memory line in virtual time: a scripted field
+// device at the far end, the worker's passes run by the test, every microsecond exact.
+#include <optional>
+#include <tuple>
 
 #include "core/tables.h"
 #include "diag/history_store.h"
-#include "link/frame_builder.h"
 #include "link/mac.h"
-#include "port/port_control.h"
 #include "port/port_runtime.h"
 #include "tests/support/link_fixture.h"
 
@@ -14,554 +13,228 @@ namespace velmora::test {
 namespace {
 
 using platform::MemoryLine;
+using Kind = MemoryLine::EventKind;
+using Edges = std::vector<std::tuple<char, uint32_t, uint64_t>>;  // R(TS) or D(TR), level, time
+using Words = std::vector<unsigned int>;
+using Reply = std::tuple<unsigned int, unsigned char, unsigned char, Bytes>;  // command, code, status, data
+using MonitorList = std::vector<std::pair<unsigned int, int>>;
 
-constexpr unsigned char kCmd0Data[] = {0x00, 0x40, 0xFE, 0x26, 0x06, 0x05, 0x05, 0x01, 0x02, 0x03};
-
-std::vector<unsigned char> Cmd0Reply(const std::vector<unsigned char> &request) {
-  std::vector<unsigned char> data(std::begin(kCmd0Data), std::end(kCmd0Data));
-  return ShortResponse(request[1] & 0x0F, request[2], data);
-}
-
-struct Edge {
-  MemoryLine::EventKind kind;
-  uint32_t level;
-  uint64_t time_us;
-};
-
-std::vector<Edge> MasterEdges(const MemoryLine &line) {
-  std::vector<Edge> edges;
-  for (const auto &event : line.Record())
-    if (event.end == MemoryLine::kMasterEnd &&
-        (event.kind == MemoryLine::EventKind::kRts || event.kind == MemoryLine::EventKind::kDtr))
-      edges.push_back({event.kind, event.value, event.time_us});
-  return edges;
-}
-
-std::vector<uint64_t> MasterByteStarts(const MemoryLine &line) {
-  std::vector<uint64_t> starts;
-  for (const auto &event : line.Record())
-    if (event.end == MemoryLine::kMasterEnd && event.kind == MemoryLine::EventKind::kByte)
-      starts.push_back(event.time_us);
-  return starts;
-}
+const Bytes kCmd0Data = {0x00, 0x40, 0xFE, 0x26, 0x06, 0x05, 0x05, 0x01, 0x02, 0x03};
+const Bytes kCmd0Request = Frame(5, {0x02, 0x80, 0x00, 0x00});
+const Bytes kCmd0Reply = ShortResponse(0, 0, kCmd0Data);
 
 // Monitor notices as (event code, array size); the arrays are freed here, as a receiver must.
-std::vector<std::pair<unsigned int, int>> MonitorNotices(HWND window) {
-  std::vector<std::pair<unsigned int, int>> out;
-  for (const MSG &msg : Drain(window)) {
-    auto *bytes = reinterpret_cast<CByteArray *>(msg.lParam);
+MonitorList MonitorNotices(const std::vector<MSG> &notices) {
+  MonitorList out;
+  for (const MSG &msg : notices) {
+    std::unique_ptr<CByteArray> bytes(reinterpret_cast<CByteArray *>(msg.lParam));
     out.emplace_back(static_cast<unsigned int>(msg.wParam), bytes->GetSize());
-    delete bytes;
   }
   return out;
 }
 
 class ExchangeTest : public LinkFixture {
  protected:
-  // Brings the state machine from its start to the free line: init, then 305 ms of quiet.
-  void ReachLineFree() {
-    ASSERT_TRUE(RunUntil([&] { return Port().nMacState.load() == macLineFree; }, 400));
+  bool AwaitState(unsigned int state, unsigned int ms) {
+    return RunUntil([&] { return Port().nMacState.load() == state; }, ms);
   }
-  // Runs passes until reply notices arrive, at most ms; gives them.
-  std::vector<MSG> AwaitReplies(unsigned int ms) {
-    std::vector<MSG> replies;
-    RunUntil(
-        [&] {
-          for (const MSG &m : Replies()) replies.push_back(m);
-          return !replies.empty();
-        },
-        ms);
-    return replies;
-  }
-  size_t PendingReplies() {
-    MSG msg;
-    return PeekMessageA(&msg, app_window_, kReplyMsg, kReplyMsg, PM_NOREMOVE) ? 1 : 0;
-  }
-  std::vector<MSG> Replies() {
-    std::vector<MSG> out;
-    for (const MSG &msg : Drain(app_window_))
-      if (msg.message == kReplyMsg) out.push_back(msg);
-    return out;
+  // The reply's command, response code, device status and data; none if none was waiting.
+  std::optional<Reply> Receive(unsigned int hServ) {
+    unsigned char data[256];
+    tagHARTREQUEST r{};
+    r.pData = data;
+    if (HART_ReceiveRequest(kApp, hServ, &r, nullptr) != 1) return std::nullopt;
+    return Reply{r.nCommand, r.nResponseCode, r.nDeviceStatus, Bytes(data, data + r.nDataCount)};
   }
 };
 
-struct TransmitTiming {
-  unsigned int baud_code;
-  unsigned int extra_rts_delay;
-  uint64_t first_byte_us;  // after RTS rises
-  uint64_t rts_down_us;    // after RTS rises
-};
-
-class TransmitSequenceTest : public ExchangeTest, public ::testing::WithParamInterface<TransmitTiming> {};
-
-// A 10-byte command 0 frame: lead-in, frame wait ((n-1) x per-byte time, cut to whole ms), the
-// drained output (whole ms, rounded up), the tail; RTS and DTR move together.
-TEST_P(TransmitSequenceTest, RtsDtrEdgesAndBytesAreExact) {
-  const TransmitTiming timing = GetParam();
-  OpenAt(timing.baud_code);
-  Port().nExtraRtsDelay = timing.extra_rts_delay;
-  ReachLineFree();
-  line_->ClearRecord();
-  const unsigned int hServ = Send(0);
-  ASSERT_NE(hServ, kNone);
-  ASSERT_TRUE(RunUntil([&] { return Port().nTxRequest.load() == 2; }, 200));
-
-  const std::vector<Edge> edges = MasterEdges(*line_);
-  ASSERT_EQ(edges.size(), 4u);
-  EXPECT_EQ(edges[0].kind, MemoryLine::EventKind::kRts);
-  EXPECT_EQ(edges[0].level, 1u);
-  EXPECT_EQ(edges[1].kind, MemoryLine::EventKind::kDtr);
-  EXPECT_EQ(edges[1].level, 0u);
-  EXPECT_EQ(edges[2].kind, MemoryLine::EventKind::kRts);
-  EXPECT_EQ(edges[2].level, 0u);
-  EXPECT_EQ(edges[3].kind, MemoryLine::EventKind::kDtr);
-  EXPECT_EQ(edges[3].level, 1u);
-  const uint64_t rts_up = edges[0].time_us;
-  EXPECT_EQ(edges[1].time_us, rts_up);
-  EXPECT_EQ(edges[2].time_us - rts_up, timing.rts_down_us);
-  EXPECT_EQ(edges[3].time_us, edges[2].time_us);
-
-  const std::vector<uint64_t> starts = MasterByteStarts(*line_);
-  ASSERT_EQ(starts.size(), 10u);
-  const uint64_t char_us = MemoryLine::CharMicros(BaudRateOf(timing.baud_code));
-  EXPECT_EQ(starts[0] - rts_up, timing.first_byte_us);
-  for (size_t i = 1; i < starts.size(); ++i)
-    EXPECT_EQ(starts[i] - starts[0], MemoryLine::CharMicros(BaudRateOf(timing.baud_code), i)) << i;
-  // RTS falls only after the last byte has left.
-  EXPECT_GT(edges[2].time_us, starts[9] + char_us);
-  EXPECT_EQ(FarReceived(), Frame(5, {0x02, 0x80, 0x00, 0x00}));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rates, TransmitSequenceTest,
-    ::testing::Values(
-        // 1200: 2 + 83 + ceil(91.67 - 85) + 10 = 104 ms
-        TransmitTiming{0, 0, 2000, 104000},
-        // nExtraRtsDelay counts at 1200 baud only
-        TransmitTiming{0, 5, 2000, 109000},
-        // 9600: 1 + 10 + ceil(12.46 - 11) + 3 = 16 ms
-        TransmitTiming{1, 0, 1000, 16000}, TransmitTiming{1, 5, 1000, 16000},
-        // 19200: 1 + 5 + ceil(6.73 - 6) + 2 = 9 ms
-        TransmitTiming{2, 0, 1000, 9000}));
-
-TEST_F(ExchangeTest, PlainExchangeOnFreeLineDeliversReplyAndHoldsOff) {
-  line_->SetMasterEcho(true);
-  AutoReply(Cmd0Reply);
-  ReachLineFree();
-  std::vector<unsigned int> states = {Port().nMacState.load()};
-  const unsigned int hServ = Send(0);
-  ASSERT_NE(hServ, kNone);
-  uint64_t hold_off_from_us = 0;
-  RunUntil(
-      [&] {
-        const unsigned int state = Port().nMacState.load();
-        if (state != states.back()) {
-          states.push_back(state);
-          if (state == macHoldOff) hold_off_from_us = NowUs();
-        }
-        return states.size() >= 4;
-      },
-      1000);
-  EXPECT_EQ(states, (std::vector<unsigned int>{macLineFree, macFreeReplyWait, macHoldOff, macLineFree}));
-
-  const std::vector<MSG> replies = Replies();
-  ASSERT_EQ(replies.size(), 1u);
-  EXPECT_EQ(replies[0].wParam, hServ);
-  // 8 data bytes behind status bytes 0x00 and 0x40.
-  EXPECT_EQ(static_cast<unsigned int>(replies[0].lParam), 0x80040u);
-
-  unsigned char data[256] = {};
-  tagHARTREQUEST reply{};
-  reply.pData = data;
-  unsigned int app_id = 0;
-  ASSERT_EQ(HART_ReceiveRequest(kApp, hServ, &reply, &app_id), 1u);
-  EXPECT_EQ(reply.nDataCount, 8u);
-  EXPECT_EQ(reply.nResponseCode, 0x00);
-  EXPECT_EQ(reply.nDeviceStatus, 0x40);
-  EXPECT_EQ(reply.nCommand, 0u);
-  EXPECT_EQ(app_id, 0x00120034u);
-  EXPECT_TRUE(std::equal(data, data + 8, kCmd0Data + 2));
-  EXPECT_EQ(ServiceTable[hServ].nServiceState.load(), 0u);
-  EXPECT_EQ(HART_ReceiveRequest(kApp, hServ, &reply, &app_id), 0u);
-  (void)hold_off_from_us;
-}
-
-TEST_F(ExchangeTest, HoldOffCountsFromTheReplysLastByte) {
-  AutoReply(Cmd0Reply);
-  ReachLineFree();
-  Send(0);
-  ASSERT_TRUE(RunUntil([&] { return Port().nMacState.load() == macHoldOff; }, 1000));
-  const uint32_t last_rx = Port().pTimer->tLastRx;
-  EXPECT_EQ(Port().pTimer->tStart, last_rx);
-  EXPECT_EQ(Port().pTimer->nTimeOutMs, 100u);
-  ASSERT_TRUE(RunUntil([&] { return Port().nMacState.load() == macLineFree; }, 300));
-  // Fires in the first pass that starts strictly past tStart + 100; passes are 5 ms apart and
-  // the check here follows that pass's own sleep.
-  EXPECT_GT(platform::NowMs(), last_rx + 100);
-  EXPECT_LE(platform::NowMs(), last_rx + 100 + 5 + 5);
-}
-
-struct RetryCase {
-  unsigned int retries;
-  std::vector<unsigned int> monitor_codes;
-  unsigned int transmissions;
-};
-
-class RetryTest : public ExchangeTest, public ::testing::WithParamInterface<RetryCase> {};
-
-TEST_P(RetryTest, SilentDeviceGetsRetriesThenFailureNotice) {
-  const RetryCase c = GetParam();
-  HWND monitor = CreateNoticeWindow();
-  ASSERT_EQ(RegisterLLMonitor(kApp, monitor, kMonitorMsg), 1u);
-  Port().nRetries = c.retries;
-  ReachLineFree();
-  MonitorNotices(monitor);
-  const unsigned int hServ = Send(0);
-  ASSERT_TRUE(RunUntil([&] { return PendingReplies() > 0; }, 4000));
-
-  std::vector<unsigned int> codes;
-  unsigned int transmissions = 0;
-  for (auto [code, size] : MonitorNotices(monitor)) {
-    if (code == 0) {
-      ++transmissions;
-      EXPECT_EQ(size, 10 + 8);
-    } else {
-      codes.push_back(code);
-    }
-  }
-  EXPECT_EQ(codes, c.monitor_codes);
-  EXPECT_EQ(transmissions, c.transmissions);
-  EXPECT_EQ(FarReceived().size(), 10u * c.transmissions);
-
-  tagHARTREQUEST reply{};
-  unsigned char data[256];
-  reply.pData = data;
-  ASSERT_EQ(HART_ReceiveRequest(kApp, hServ, &reply, nullptr), 1u);
-  EXPECT_EQ(reply.nDataCount, 0u);
-  EXPECT_EQ(reply.nResponseCode, 128);
-  EXPECT_EQ(reply.nDeviceStatus, 0);
-  UnRegisterLLMonitor(kApp);
-  MonitorNotices(monitor);
-  DestroyNoticeWindow(monitor);
-}
-
-INSTANTIATE_TEST_SUITE_P(Retries, RetryTest,
-                         ::testing::Values(RetryCase{0, {3}, 1}, RetryCase{2, {1, 1, 3}, 3}));
-
-TEST_F(ExchangeTest, FailureNoticeCarriesTheFailureWord) {
-  ReachLineFree();
-  const unsigned int hServ = Send(0);
-  const std::vector<MSG> replies = AwaitReplies(2000);
-  ASSERT_FALSE(replies.empty());
-  EXPECT_EQ(replies[0].wParam, hServ);
-  EXPECT_EQ(static_cast<unsigned int>(replies[0].lParam), 0xFFFFu);
-}
-
-TEST_F(ExchangeTest, CommunicationErrorIsRetriedThenTheGoodReplyDelivered) {
-  HWND monitor = CreateNoticeWindow();
-  RegisterLLMonitor(kApp, monitor, kMonitorMsg);
-  Port().nRetries = 1;
-  int answered = 0;
-  AutoReply([&](const std::vector<unsigned char> &request) {
-    ++answered;
-    if (answered == 1) return ShortResponse(0, request[2], {0x84, 0x00});
-    return Cmd0Reply(request);
-  });
-  ReachLineFree();
-  const unsigned int hServ = Send(0);
-  const std::vector<MSG> replies = AwaitReplies(3000);
-  ASSERT_FALSE(replies.empty());
-  EXPECT_EQ(answered, 2);
-  EXPECT_EQ(static_cast<unsigned int>(replies[0].lParam), 0x80040u);
-  std::vector<unsigned int> codes;
-  for (auto [code, size] : MonitorNotices(monitor))
-    if (code != 0) codes.push_back(code);
-  EXPECT_EQ(codes, (std::vector<unsigned int>{2}));
-  tagHARTREQUEST reply{};
-  unsigned char data[256];
-  reply.pData = data;
-  EXPECT_EQ(HART_ReceiveRequest(kApp, hServ, &reply, nullptr), 1u);
-  UnRegisterLLMonitor(kApp);
-  DestroyNoticeWindow(monitor);
-}
-
-TEST_F(ExchangeTest, ReplyWithoutStatusBytesCountsAsCommunicationError) {
-  int answered = 0;
-  AutoReply([&](const std::vector<unsigned char> &request) {
-    ++answered;
-    return ShortResponse(0, request[2], {});
-  });
-  ReachLineFree();
-  const unsigned int hServ = Send(0);
-  const std::vector<MSG> replies = AwaitReplies(2000);
-  ASSERT_FALSE(replies.empty());
-  EXPECT_EQ(answered, 1);
-  EXPECT_EQ(replies[0].wParam, hServ);
-  EXPECT_EQ(static_cast<unsigned int>(replies[0].lParam), 0xFFFFu);
-}
-
-class BusyTest : public ExchangeTest, public ::testing::WithParamInterface<bool> {};
-
-TEST_P(BusyTest, BusyIsRepeatedOnlyWhenAsked) {
-  const bool repeat = GetParam();
-  AppTable[kApp].bRepeatIfBusy = repeat ? 1 : 0;
-  int answered = 0;
-  AutoReply([&](const std::vector<unsigned char> &request) {
-    ++answered;
-    if (answered == 1) return ShortResponse(0, request[2], {32, 0x00});
-    return Cmd0Reply(request);
-  });
-  ReachLineFree();
-  const unsigned int hServ = Send(0);
-  std::vector<MSG> all;
-  ASSERT_TRUE(RunUntil(
-      [&] {
-        for (const MSG &m : Drain(app_window_)) all.push_back(m);
-        return std::any_of(all.begin(), all.end(), [](const MSG &m) { return m.message == kReplyMsg; });
-      },
-      3000));
-  const auto busy = std::count_if(all.begin(), all.end(), [](const MSG &m) { return m.message == 1167; });
-  const auto reply = std::find_if(all.begin(), all.end(), [](const MSG &m) { return m.message == kReplyMsg; });
-  EXPECT_EQ(reply->wParam, hServ);
-  if (repeat) {
-    EXPECT_EQ(busy, 1);
-    EXPECT_EQ(answered, 2);
-    EXPECT_EQ(static_cast<unsigned int>(reply->lParam), 0x80040u);
-    const auto notice = std::find_if(all.begin(), all.end(), [](const MSG &m) { return m.message == 1167; });
-    EXPECT_EQ(notice->wParam, 0u);
-    EXPECT_EQ(notice->lParam, 77);
-    // The same frame went out twice, byte for byte.
-    const std::vector<unsigned char> frame = Frame(5, {0x02, 0x80, 0x00, 0x00});
-    std::vector<unsigned char> twice = frame;
-    twice.insert(twice.end(), frame.begin(), frame.end());
-    EXPECT_EQ(FarReceived(), twice);
-  } else {
-    EXPECT_EQ(busy, 0);
-    EXPECT_EQ(answered, 1);
-    EXPECT_EQ(static_cast<unsigned int>(reply->lParam), 0x2000u);
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(RepeatIfBusy, BusyTest, ::testing::Bool());
-
-TEST_F(ExchangeTest, Command39InLongFrameIsNeverRepeated) {
-  AppTable[kApp].bRepeatIfBusy = 1;
-  int answered = 0;
-  AutoReply([&](const std::vector<unsigned char> &request) {
-    ++answered;
-    return Frame(5, {0x86, static_cast<unsigned char>(0x80 | (request[1] & 0x3F)), request[2], request[3], request[4], request[5], request[6],
-                     2, 32, 0});
-  });
-  ReachLineFree();
-  tagHARTREQUEST request{};
-  request.nCommand = 39;
-  request.nAddressFormat = 2;
-  unsigned char address[5] = {0x26, 0x06, 0x01, 0x02, 0x03};
-  std::copy(address, address + 5, request.abLongAddress);
-  const unsigned int hServ = HART_SendRequest(kApp, &request, 1);
-  ASSERT_NE(hServ, kNone);
-  const std::vector<MSG> replies = AwaitReplies(2000);
-  ASSERT_FALSE(replies.empty());
-  EXPECT_EQ(answered, 1);
-  EXPECT_EQ(static_cast<unsigned int>(replies[0].lParam), 0x2000u);
-}
-
-TEST_F(ExchangeTest, BurstBitInDeliveredReplySetsTheWordsBit27) {
-  AutoReply([](const std::vector<unsigned char> &request) {
-    return Frame(5, {0x06, 0x80 | 0x40, request[2], 2, 0x00, 0x00});
-  });
-  ReachLineFree();
-  Send(0);
-  const std::vector<MSG> replies = AwaitReplies(2000);
-  ASSERT_FALSE(replies.empty());
-  EXPECT_EQ(static_cast<unsigned int>(replies[0].lParam), 0x8000000u);
-}
-
-TEST_F(ExchangeTest, OtherMastersExchangeHeardFirstThenOwnTurn) {
-  ReachLineFree();
-  AutoReply(Cmd0Reply);
-  // Queue our request while the other master's request is already on the line, so that the
-  // turn after the other exchange is ours.
-  const std::vector<unsigned char> other_request = Frame(5, {0x02, 0x00, 0x01, 0x00});
-  FarSend(other_request);
-  std::vector<unsigned int> states = {Port().nMacState.load()};
-  auto track = [&] {
-    const unsigned int state = Port().nMacState.load();
-    if (state != states.back()) states.push_back(state);
+// Command 0 at each rate on the free line, and at 1200 baud after what the far end sent before:
+// another master's exchange (whose request of this port's role gives this port the other role),
+// a burst frame to the other master (a request is not fetched during a reception) and noise (the
+// request waits for quiet). Each row: the master's RTS and DTR edges and byte times (from RTS
+// rising: lead-in, the bytes, the frame wait cut to whole ms, the drain rounded up, the tail), its
+// frame, the states, the hold-off from the reply's last byte, the notices and the reply itself.
+TEST_F(ExchangeTest, CommandZero) {
+  auto exchange = [](unsigned char master) {  // another master's command 1 and its answer
+    Bytes bytes = Frame(5, {0x02, master, 0x01, 0x00});
+    const Bytes reply = ShortResponse(0, 1, {0, 0, 7, 0x3F, 0x80, 0, 0}, master);
+    bytes.insert(bytes.end(), reply.begin(), reply.end());
+    return bytes;
   };
-  // The other master's request (secondary bit): type 3.
-  ASSERT_TRUE(RunUntil(
-      [&] {
-        track();
-        return Port().nMacState.load() == macPeerRequestHeard;
-      },
-      500));
-  const unsigned int hServ = Send(0);
-  ASSERT_NE(hServ, kNone);
-  // The device answers the other master (bit 7 clear): type 6, our turn.
-  FarSend(ShortResponse(0, 1, {0x00, 0x00, 0x07, 0x3F, 0x80, 0x00, 0x00}, false), NowUs() + 20000);
-  ASSERT_TRUE(RunUntil(
-      [&] {
-        track();
-        return !Replies().empty();
-      },
-      2000));
-  RunUntil(
-      [&] {
-        track();
-        return Port().nMacState.load() == macLineFree;
-      },
-      500);
-  EXPECT_EQ(states, (std::vector<unsigned int>{macLineFree, macPeerRequestHeard, macPeerReplyRunning,
-                                               macOwnTurnGap, macTurnReplyWait, macHoldOff, macLineFree}));
-}
+  const Words free = {macLineFree, macFreeReplyWait, macHoldOff};  // one record closes on the way
+  // Two records close: the other master's exchange and this one's.
+  const Words turn = {macLineFree, macPeerRequestHeard, macPeerReplyRunning, macOwnTurnGap, macTurnReplyWait,
+                      macHoldOff};
+  struct Row {
+    unsigned baud_code, extra_rts_delay;
+    uint64_t first_us, last_us, rts_down_us;  // first byte, last byte after the first, RTS down
+    unsigned primary_before;
+    Bytes far;  // sent before the request, which follows this long after their first byte:
+    unsigned request_ms, discarded, history_notices;
+    Words states;  // from the free line to the hold-off
+    unsigned primary_after;
+    const char *trace;  // a line in the state trace; none: no "I am" line
+  } rows[] = {
+      {0, 0, 2000, 82500, 104000, 1, {}, 0, 0, 1, free, 1, nullptr},  // 2 + 83 + ceil(91.67 - 85) + 10
+      {0, 5, 2000, 82500, 109000, 1, {}, 0, 0, 1, free, 1, nullptr},  // the extra delay counts at 1200 only
+      {1, 0, 1000, 10312, 16000, 1, {}, 0, 0, 1, free, 1, nullptr},   // 1 + 10 + ceil(12.46 - 11) + 3
+      {1, 5, 1000, 10312, 16000, 1, {}, 0, 0, 1, free, 1, nullptr},
+      {2, 0, 1000, 5156, 9000, 1, {}, 0, 0, 1, free, 1, nullptr},  // 1 + 5 + ceil(6.73 - 6) + 2
+      {0, 0, 2000, 82500, 104000, 1, exchange(0x00), 95, 0, 2, turn, 1, nullptr},
+      {0, 0, 2000, 82500, 104000, 1, exchange(0x80), 95, 0, 2, turn, 0, "I am secondary"},
+      {0, 0, 2000, 82500, 104000, 0, exchange(0x00), 95, 0, 2, turn, 1, "I am primary"},
+      {0, 0, 2000, 82500, 104000, 1, ShortResponse(0, 3, {0, 0, 1}, false, 5, true), 0, 0, 1,
+       {macLineFree, macBurstGap, macTurnReplyWait, macHoldOff}, 1, nullptr},
+      {0, 0, 2000, 82500, 104000, 1, {0x11, 0x22, 0x33, 0x44, 0x55, 0x66}, 100, 1, 1,
+       {macLineFree, macWaitQuiet, macLineFree, macFreeReplyWait, macHoldOff}, 1, nullptr},
+  };
+  for (const Row &row : rows) {
+    SCOPED_TRACE(::testing::Message() << "baud code " << row.baud_code << ", extra " << row.extra_rts_delay
+                                      << ", far end " << ::testing::PrintToString(row.far));
+    OpenAt(row.baud_code);
+    Port().nExtraRtsDelay = row.extra_rts_delay;
+    Port().bPrimaryMaster = Rx().bRxRolePrimary = row.primary_before;
+    Port().dwDebugFlags = 1;
+    line_->SetMasterEcho(true);  // the parser must not take its own request for a reply
+    AutoReply([](const Bytes &request) { return ShortResponse(0, 0, kCmd0Data, request[6] & 0x80); });
+    ASSERT_TRUE(AwaitState(macLineFree, 400));
+    line_->ClearRecord();
+    const auto discarded_before = RuntimeOf(Port()).counters.frames_discarded.load();
+    FarSend(row.far);
+    ASSERT_TRUE(row.far.empty() || RunUntil([&] { return Rx().nBytesThisCycle != 0; }, 200));
+    RunFor(row.request_ms);
+    const unsigned int hServ = Send(0);
+    ASSERT_TRUE(AwaitState(macHoldOff, 2000));
+    const uint32_t last_rx = Port().pTimer->tLastRx;
+    EXPECT_EQ(std::pair(Port().pTimer->tStart, Port().pTimer->nTimeOutMs), std::pair(last_rx, 100u));
+    ASSERT_TRUE(AwaitState(macLineFree, 300));
+    // Fires in the first pass strictly past the end; passes are at most 5 ms apart.
+    EXPECT_GT(platform::NowMs(), last_rx + 100);
+    EXPECT_LE(platform::NowMs(), last_rx + 110);
+    EXPECT_EQ(Words(states_.begin() + 2, states_.end() - 1), row.states);
 
-struct RoleCase {
-  unsigned int configured_primary;
-  unsigned char heard_address;
-  unsigned int expect_primary;
-  const char *expect_line;
-};
+    Edges edges;
+    std::vector<uint64_t> starts;
+    for (const MemoryLine::Event &e : line_->Record()) {
+      if (e.end != MemoryLine::kMasterEnd) continue;
+      if (e.kind == Kind::kByte) starts.push_back(e.time_us);
+      if (e.kind == Kind::kRts || e.kind == Kind::kDtr)
+        edges.emplace_back(e.kind == Kind::kRts ? 'R' : 'D', e.value, e.time_us);
+    }
+    const uint64_t rts_up = std::get<2>(edges.at(0)), rts_down = rts_up + row.rts_down_us;
+    EXPECT_EQ(edges, (Edges{{'R', 1, rts_up}, {'D', 0, rts_up}, {'R', 0, rts_down}, {'D', 1, rts_down}}));
+    ASSERT_EQ(starts.size(), kCmd0Request.size());
+    EXPECT_EQ(starts.front() - rts_up, row.first_us);
+    EXPECT_EQ(starts.back() - starts.front(), row.last_us);
+    // The frame carries the master bit of the port's role.
+    const Bytes request = Frame(5, {0x02, static_cast<unsigned char>(row.primary_after ? 0x80 : 0), 0, 0});
+    EXPECT_EQ(Bytes(far_in_.end() - 10, far_in_.end()), request);
+    EXPECT_EQ(std::pair(Port().bPrimaryMaster.load(), Rx().bRxRolePrimary),
+              std::pair(row.primary_after, row.primary_after));
+    EXPECT_EQ(RuntimeOf(Port()).counters.frames_discarded.load() - discarded_before, row.discarded);
+    std::string trace;
+    WithHistory([&](typHistoryRecord *records, unsigned int open) {
+      for (unsigned int i = 0; i <= open; ++i) trace += records[i].psStates ? records[i].psStates->str() : "";
+    });
+    EXPECT_EQ(trace.find(row.trace ? row.trace : "I am") != std::string::npos, row.trace != nullptr) << trace;
 
-class RoleChangeTest : public ExchangeTest, public ::testing::WithParamInterface<RoleCase> {};
-
-TEST_P(RoleChangeTest, HeardMasterDecidesTheRole) {
-  const RoleCase c = GetParam();
-  Port().bPrimaryMaster = c.configured_primary;
-  Rx().bRxRolePrimary = c.configured_primary;
-  Port().dwDebugFlags = 1;
-  ReachLineFree();
-  FarSend(Frame(5, {0x02, c.heard_address, 0x00, 0x00}));
-  ASSERT_TRUE(RunUntil([&] { return Port().nMacState.load() == macPeerRequestHeard; }, 500));
-  EXPECT_EQ(Port().bPrimaryMaster.load(), c.expect_primary);
-  EXPECT_EQ(Rx().bRxRolePrimary, c.expect_primary);
-  RunFor(400);
-  std::string states;
-  WithHistory([&](typHistoryRecord *records, unsigned int open) {
-    for (unsigned int i = 0; i <= open && i < 100; ++i)
-      if (records[i].psStates) states += records[i].psStates->str();
-  });
-  if (c.expect_line) {
-    EXPECT_NE(states.find(c.expect_line), std::string::npos) << states;
-  } else {
-    EXPECT_EQ(states.find("I am"), std::string::npos) << states;
+    ASSERT_EQ(Notices(kReplyMsg).size(), 1u);  // the word: 8 data bytes, status 0x00 0x40
+    EXPECT_EQ(std::pair(Notices(kReplyMsg)[0].wParam, Notices(kReplyMsg)[0].lParam),
+              std::pair(hServ + 0ul, 0x80040l));
+    EXPECT_EQ(Drain(history_window_).size(), row.history_notices);  // records closed
+    EXPECT_EQ(Receive(hServ), Reply(0, 0x00, 0x40, Bytes(kCmd0Data.begin() + 2, kCmd0Data.end())));
+    EXPECT_EQ(ServiceTable[hServ].nServiceState.load(), 0u);  // the row is free again
+    EXPECT_EQ(Receive(hServ), std::nullopt);
   }
-  // Frames built from now on carry the new role's master bit.
-  tagHARTREQUEST request{};
-  unsigned char frame[256];
-  unsigned int length = 0;
-  ASSERT_TRUE(BuildFrameChecked(Port(), request, frame, sizeof frame, &length));
-  EXPECT_EQ(frame[6], c.expect_primary ? 0x80 : 0x00);
 }
 
-INSTANTIATE_TEST_SUITE_P(Roles, RoleChangeTest,
-                         ::testing::Values(RoleCase{1, 0x80, 0, "I am secondary"}, RoleCase{0, 0x00, 1, "I am primary"},
-                                           RoleCase{1, 0x00, 1, nullptr}));
-
-TEST_F(ExchangeTest, BurstFrameToOtherMasterGivesTurnThroughBurstGap) {
-  AutoReply(Cmd0Reply);
-  ReachLineFree();
-  std::vector<unsigned int> states;
-  FarSend(ShortResponse(0, 3, {0x00, 0x00, 0x01}, false, 5, true));
-  // The request comes while the burst frame is being received: no fetch happens during a
-  // reception, so the burst frame's end is what gives this master the turn.
-  ASSERT_TRUE(RunUntil([&] { return Rx().nRxState >= 2; }, 200));
-  ASSERT_NE(Send(0), kNone);
-  ASSERT_TRUE(RunUntil(
-      [&] {
-        const unsigned int state = Port().nMacState.load();
-        if (states.empty() || states.back() != state) states.push_back(state);
-        return state == macTurnReplyWait;
-      },
-      1000));
-  EXPECT_NE(std::find(states.begin(), states.end(), macBurstGap), states.end());
+// How each answer (or silence) of the device ends a request: what went out, the monitor's
+// events, the notices, the word of the reply notice and the reply.
+TEST_F(ExchangeTest, AnswersAndSilence) {
+  const Bytes none, error = ShortResponse(0, 0, {0x84, 0}), busy = ShortResponse(0, 0, {32, 0});
+  const Bytes cut(kCmd0Reply.begin(), kCmd0Reply.end() - 4), burst_bit = Frame(5, {0x06, 0xC0, 0, 2, 0, 0});
+  const Bytes long_busy = Frame(5, {0x86, 0xA6, 0x06, 0x01, 0x02, 0x03, 39, 2, 32, 0}), cmd0 = kCmd0Request;
+  const Bytes cmd39 = Frame(5, {0x82, 0xA6, 0x06, 0x01, 0x02, 0x03, 39, 0});
+  // device answers (one per request sent), the request's frame, retries, repeat if busy,
+  // reply word, busy notices, frames cut off; monitor (event, size): 0 a frame each way (+8 bytes),
+  // 1 retry, 2 retry after a communication error, 3 failed
+  const std::tuple<std::vector<Bytes>, Bytes, unsigned, unsigned, unsigned, size_t, unsigned, MonitorList>
+      rows[] = {
+        {{none}, cmd0, 0, 0, 0xFFFF, 0, 0, {{0, 18}, {3, 8}}},
+        {{none, none, none}, cmd0, 2, 0, 0xFFFF, 0, 0, {{0, 18}, {1, 8}, {0, 18}, {1, 8}, {0, 18}, {3, 8}}},
+        {{error, kCmd0Reply}, cmd0, 1, 0, 0x80040, 0, 0, {{0, 18}, {0, 20}, {2, 8}, {0, 18}, {0, 28}}},
+        {{ShortResponse(0, 0, {})}, cmd0, 0, 0, 0xFFFF, 0, 0, {{0, 18}, {0, 18}}},  // no status bytes
+        // A cut-off reply is dropped by the gap rule: its bytes come with the time-out.
+        {{cut, kCmd0Reply}, cmd0, 1, 0, 0x80040, 0, 1, {{0, 18}, {1, 24}, {1, 8}, {0, 18}, {0, 28}}},
+        {{busy, kCmd0Reply}, cmd0, 0, 1, 0x80040, 1, 0, {{0, 18}, {0, 20}, {0, 18}, {0, 28}}},
+        {{busy}, cmd0, 0, 0, 0x2000, 0, 0, {{0, 18}, {0, 20}}},         // busy repeated only when asked
+        {{long_busy}, cmd39, 0, 1, 0x2000, 0, 0, {{0, 22}, {0, 24}}},     // command 39: never repeated
+        {{burst_bit}, cmd0, 0, 0, 0x8000000, 0, 0, {{0, 18}, {0, 20}}},  // the burst bit is bit 27
+      };
+  for (const auto &[answers, frame, retries, repeat, word, busy_notices, cut_off, monitor_list] : rows) {
+    SCOPED_TRACE(::testing::Message() << "word " << word << ", " << answers.size() << " answers");
+    OpenAt(0);
+    ASSERT_EQ(RegisterLLMonitor(kApp, app_window_, kMonitorMsg), 1u);
+    Port().nRetries = retries;
+    AppTable[kApp].bRepeatIfBusy = repeat;
+    size_t answered = 0;
+    AutoReply([&, &answers = answers](const Bytes &) { return answers.at(answered++); });
+    ASSERT_TRUE(AwaitState(macLineFree, 400));
+    const auto cut_off_before = RuntimeOf(Port()).counters.frames_cut_off.load();
+    tagHARTREQUEST request{};  // the one whose frame is expected
+    request.nAddressFormat = frame[5] == 0x82 ? 2 : 0;
+    std::copy_n(frame.begin() + 6, 5, request.abLongAddress);
+    request.nCommand = frame[frame.size() - 3];
+    const unsigned int hServ = HART_SendRequest(kApp, &request, 1);
+    ASSERT_TRUE(RunUntil([&] { return !Notices(kReplyMsg).empty(); }, 4000));
+    RunFor(20);
+    Bytes sent;
+    for (size_t i = 0; i < answers.size(); ++i) sent.insert(sent.end(), frame.begin(), frame.end());
+    EXPECT_EQ(far_in_, sent);  // the same frame each time, byte for byte
+    EXPECT_EQ(MonitorNotices(Notices(kMonitorMsg)), monitor_list);
+    ASSERT_EQ(Notices(kReplyMsg).size(), 1u);
+    EXPECT_EQ(std::pair(Notices(kReplyMsg)[0].wParam, Notices(kReplyMsg)[0].lParam),
+              std::pair(hServ + 0ul, word + 0l));
+    EXPECT_EQ(Notices(1167).size(), busy_notices);
+    for (const MSG &m : Notices(1167)) EXPECT_EQ(std::pair(m.wParam, m.lParam), std::pair(0ul, 77l));
+    EXPECT_EQ(RuntimeOf(Port()).counters.frames_cut_off.load() - cut_off_before, cut_off);
+    const std::optional<Reply> reply = Receive(hServ);
+    ASSERT_TRUE(reply.has_value());
+    // A failed request's reply: no data, response code 128, status 0.
+    EXPECT_EQ(*reply, word == 0xFFFF ? Reply(0, 128, 0, Bytes{}) : *reply);
+  }
 }
 
 TEST_F(ExchangeTest, BurstFramesReachEveryApplicationThatAsked) {
-  HWND other = CreateNoticeWindow();
   AppTable[kApp].nBurstAppKey = 0x55;
-  AppTable[20].nBurstAppKey = 0x66;
-  AppTable[20].hWnd = other;
+  AppTable[20].nBurstAppKey = 0x66;  // not in use: only the key counts
+  AppTable[20].hWnd = app_window_;
   AppTable[20].nReplyMsg = 0x777;
-  ReachLineFree();
+  ASSERT_TRUE(AwaitState(macLineFree, 400));
   FarSend(ShortResponse(0, 3, {0x00, 0x00, 0x01, 0x02}, true, 5, true));
   RunFor(200);
-  const std::vector<MSG> mine = Replies();
-  ASSERT_EQ(mine.size(), 1u);
-  EXPECT_EQ(mine[0].wParam, 65535u);
-  EXPECT_EQ(mine[0].lParam, 0x55);
-  const std::vector<MSG> theirs = Drain(other);
-  ASSERT_EQ(theirs.size(), 1u);
-  EXPECT_EQ(theirs[0].message, 0x777u);
+  const std::vector<MSG> mine = Notices(kReplyMsg), theirs = Notices(0x777);
+  ASSERT_EQ(std::pair(mine.size(), theirs.size()), std::pair(size_t{1}, size_t{1}));
+  EXPECT_EQ(std::pair(mine[0].wParam, mine[0].lParam), std::pair(65535ul, 0x55l));
   EXPECT_EQ(theirs[0].lParam, 0x66);
   EXPECT_EQ(fncGetBurstCount(kApp), 1u);
-  typQueueElement *burst = fncFindReceiveService(kApp, 65535);
+  const typQueueElement *burst = fncFindReceiveService(kApp, VELMORA_BURST_SERVICE);
   ASSERT_NE(burst, nullptr);
-  EXPECT_EQ(burst->nReplyCommand, 3u);
-  EXPECT_EQ(burst->nDataLen, 4u);
-  fncClearBurstQueue(kApp);
-  fncClearBurstQueue(20);
-  EXPECT_EQ(fncGetBurstCount(kApp), 0u);
-  DestroyNoticeWindow(other);
-}
-
-TEST_F(ExchangeTest, NoiseOnTheFreeLineDelaysTheRequestUntilQuiet) {
-  AutoReply(Cmd0Reply);
-  ReachLineFree();
-  FarSend({0x11, 0x22, 0x33, 0x44, 0x55, 0x66});
-  RunFor(100);
-  EXPECT_EQ(RuntimeOf(Port()).counters.frames_discarded.load(), 1u);
-  Send(0);
-  std::vector<unsigned int> states;
-  ASSERT_TRUE(RunUntil(
-      [&] {
-        const unsigned int state = Port().nMacState.load();
-        if (states.empty() || states.back() != state) states.push_back(state);
-        return !Replies().empty();
-      },
-      2000));
-  // The noise left bytes counted, so the request waited for quiet: 6, 1, 6, 7, 8.
-  EXPECT_EQ(states.front(), macLineFree);
-  EXPECT_NE(std::find(states.begin(), states.end(), macWaitQuiet), states.end());
-}
-
-TEST_F(ExchangeTest, ReplyCutOffIsDroppedByTheGapRuleAndRetried) {
-  Port().nRetries = 1;
-  int answered = 0;
-  AutoReply([&](const std::vector<unsigned char> &request) {
-    ++answered;
-    std::vector<unsigned char> reply = Cmd0Reply(request);
-    if (answered == 1) reply.resize(reply.size() - 4);
-    return reply;
-  });
-  ReachLineFree();
-  const unsigned int hServ = Send(0);
-  const std::vector<MSG> replies = AwaitReplies(3000);
-  ASSERT_FALSE(replies.empty());
-  EXPECT_EQ(answered, 2);
-  EXPECT_EQ(replies[0].wParam, hServ);
-  EXPECT_EQ(static_cast<unsigned int>(replies[0].lParam), 0x80040u);
-  EXPECT_EQ(RuntimeOf(Port()).counters.frames_cut_off.load(), 1u);
+  EXPECT_EQ(std::make_pair(burst->nReplyCommand, Bytes(burst->pData, burst->pData + burst->nDataLen)),
+            std::make_pair(3u, Bytes{0, 0, 1, 2}));
 }
 
 TEST_F(ExchangeTest, TwoSilentRequestsAt1200BaudToggleTheRate) {
   Port().nRetries = 1;
-  ReachLineFree();
+  ASSERT_TRUE(AwaitState(macLineFree, 400));
   line_->ClearRecord();
   Send(0);
   Send(0);
-  unsigned int failures = 0;
-  ASSERT_TRUE(RunUntil(
-      [&] {
-        failures += static_cast<unsigned int>(Replies().size());
-        return failures == 2;
-      },
-      6000));
+  ASSERT_TRUE(RunUntil([&] { return Notices(kReplyMsg).size() == 2; }, 6000));
   RunFor(300);
   std::vector<uint32_t> rates;
-  for (const auto &event : line_->Record())
-    if (event.kind == MemoryLine::EventKind::kBaud && event.end == MemoryLine::kMasterEnd)
-      rates.push_back(event.value);
+  for (const MemoryLine::Event &event : line_->Record())
+    if (event.kind == Kind::kBaud && event.end == MemoryLine::kMasterEnd) rates.push_back(event.value);
   EXPECT_EQ(rates, (std::vector<uint32_t>{9600, 1200}));
   EXPECT_EQ(Port().nFailedCycles, 0u);
 }

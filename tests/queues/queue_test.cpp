@@ -1,197 +1,209 @@
-// Queue elements and queues: copies, ownership of the bytes, the linking invariants in every
-// case of removal, and the 999-element limit.
+// Queues and delivery: order and links after every kind of removal and the 999-element limit,
+// the guard between client threads, searches and clearing, and results on their way to
+// applications: the notice and its words, parking, destroyed windows, abandoned requests.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <functional>
 #include <thread>
-#include <vector>
 
 #include "core/tables.h"
+#include "queues/delivery.h"
 #include "queues/queue_guard.h"
+#include "tests/support/link_fixture.h"
 
-namespace velmora {
+namespace velmora::test {
 namespace {
 
-// Checks the invariants between operations and gives the elements' service numbers in order.
-std::vector<unsigned int> Walk(const typQueue &queue) {
-  std::vector<unsigned int> out;
-  EXPECT_EQ(queue.nCount == 0, queue.pHead == nullptr);
-  EXPECT_EQ(queue.pTail == nullptr, queue.nCount < 2);
-  if (queue.pTail) {
-    EXPECT_NE(queue.pTail, queue.pHead);
-  }
+using Words = std::vector<unsigned int>;
+constexpr unsigned int kReplyMsg = 0x900, kA = 3, kB = 5;  // applications on port row 0
+
+// Service numbers from head to tail, checking the count and the tail on the way.
+Words Walk(const typQueue &queue) {
+  Words out;
   const typQueueElement *last = nullptr;
-  for (const typQueueElement *e = queue.pHead; e && out.size() <= queue.nCount; e = e->pNext) {
+  for (const typQueueElement *e = queue.pHead; e && out.size() <= queue.nCount; last = e, e = e->pNext)
     out.push_back(e->nServiceHandle);
-    last = e;
-  }
   EXPECT_EQ(out.size(), queue.nCount);
-  if (queue.nCount >= 2) {
-    EXPECT_EQ(last, queue.pTail);
-  }
+  EXPECT_EQ(queue.pTail, queue.nCount < 2 ? nullptr : last);
   return out;
 }
 
-class QueueTest : public ::testing::Test {
- protected:
-  void SetUp() override { fncInitQueue(&queue_); }
-  void TearDown() override { fncDeleteQueue(&queue_); }
-  void Append(unsigned int service, std::vector<unsigned char> data = {}) {
-    typQueueElement *e = fncCreateQueueElement();
-    e->nServiceHandle = service;
-    if (!data.empty()) fncSetQueueElementData(e, data.data(), static_cast<unsigned int>(data.size()));
-    ASSERT_EQ(fncAppendQueueElement(&queue_, e), 1u);
-    EXPECT_EQ(e->pNext, nullptr);
-    fncDestroyQueueElement(e);
+unsigned int Append(typQueue &queue, unsigned int service, unsigned int app = 0, unsigned int driver = 0) {
+  typQueueElement e{};
+  e.nServiceHandle = service;
+  e.nAppHandle = app;
+  e.nDriverId = driver;
+  return fncAppendQueueElement(&queue, &e);  // the queue keeps a copy
+}
+
+TEST(QueueTest, RemovalKeepsOrderLinksAndTheLimitOf999) {
+  // remove == count: an element of no queue, which is refused.
+  const unsigned int rows[][2] = {{1, 0}, {2, 0}, {2, 1}, {3, 0}, {3, 1}, {3, 2},     {5, 4},
+                                  {5, 2}, {0, 0}, {2, 2}, {3, 3}, {999, 998}, {999, 0}};
+  for (const auto &[count, remove] : rows) {
+    SCOPED_TRACE(::testing::Message() << count << " elements, remove " << remove);
+    typQueue queue{};
+    fncInitQueue(&queue);
+    typQueueElement stranger{}, *target = &stranger;
+    Words expect;
+    for (unsigned int i = 0; i < count; ++i) expect.push_back(Append(queue, i) ? i : kNone);
+    for (unsigned int i = 0; remove < count && i <= remove; ++i) target = i ? target->pNext : queue.pHead;
+    EXPECT_EQ(fncRemoveQueueElement(&queue, target), remove < count ? 1u : 0u);
+    if (remove < count) expect.erase(expect.begin() + remove);
+    EXPECT_EQ(Append(queue, 5000) + Append(queue, 5001), expect.size() < 998 ? 2u : 1u);  // 999 at most
+    expect.insert(expect.end(), {5000, 5001});
+    expect.resize(std::min<size_t>(expect.size(), 999));
+    EXPECT_EQ(Walk(queue), expect);
+    fncDeleteQueue(&queue);
   }
-  typQueueElement *At(unsigned int index) {
-    typQueueElement *e = queue_.pHead;
-    for (unsigned int i = 0; i < index; ++i) e = e->pNext;
-    return e;
-  }
-  typQueue queue_{};
-};
-
-TEST_F(QueueTest, EmptyQueue) {
-  EXPECT_EQ(queue_.nMaxCount, 1000u);
-  EXPECT_TRUE(Walk(queue_).empty());
-  typQueueElement *stranger = fncCreateQueueElement();
-  EXPECT_EQ(fncRemoveQueueElement(&queue_, stranger), 0u);
-  fncDestroyQueueElement(stranger);
 }
 
-struct RemoveCase {
-  unsigned int count;
-  unsigned int remove;
-  std::vector<unsigned int> left;
-};
-
-class QueueRemoveTest : public QueueTest, public ::testing::WithParamInterface<RemoveCase> {};
-
-TEST_P(QueueRemoveTest, EveryCaseKeepsTheInvariants) {
-  const RemoveCase c = GetParam();
-  for (unsigned int i = 0; i < c.count; ++i) Append(i);
-  EXPECT_EQ(fncRemoveQueueElement(&queue_, At(c.remove)), 1u);
-  EXPECT_EQ(Walk(queue_), c.left);
-  Append(99);
-  std::vector<unsigned int> after = c.left;
-  after.push_back(99);
-  EXPECT_EQ(Walk(queue_), after);
-}
-
-INSTANTIATE_TEST_SUITE_P(Cases, QueueRemoveTest,
-                         ::testing::Values(RemoveCase{1, 0, {}}, RemoveCase{2, 0, {1}}, RemoveCase{2, 1, {0}},
-                                           RemoveCase{3, 0, {1, 2}}, RemoveCase{3, 1, {0, 2}}, RemoveCase{3, 2, {0, 1}},
-                                           RemoveCase{5, 4, {0, 1, 2, 3}}, RemoveCase{5, 2, {0, 1, 3, 4}}));
-
-TEST_F(QueueTest, ElementNotInTheQueueIsNotRemoved) {
-  Append(1);
-  Append(2);
-  typQueue other{};
-  fncInitQueue(&other);
-  typQueueElement *e = fncCreateQueueElement();
-  fncAppendQueueElement(&other, e);
-  fncDestroyQueueElement(e);
-  EXPECT_EQ(fncRemoveQueueElement(&queue_, other.pHead), 0u);
-  EXPECT_EQ(Walk(queue_), (std::vector<unsigned int>{1, 2}));
-  fncDeleteQueue(&other);
-}
-
-TEST_F(QueueTest, HoldsNineHundredNinetyNine) {
-  for (unsigned int i = 0; i < 998; ++i) Append(i);
-  Append(998);
-  EXPECT_EQ(queue_.nCount, 999u);
-  typQueueElement *e = fncCreateQueueElement();
-  EXPECT_EQ(fncAppendQueueElement(&queue_, e), 0u);
-  EXPECT_EQ(queue_.nCount, 999u);
-  fncDestroyQueueElement(e);
-  EXPECT_EQ(Walk(queue_).size(), 999u);
-}
-
-TEST_F(QueueTest, TheQueueKeepsItsOwnCopy) {
-  typQueueElement *mine = fncCreateQueueElement();
-  unsigned char data[] = {1, 2, 3};
-  fncSetQueueElementData(mine, data, 3);
-  mine->nServiceHandle = 5;
-  fncAppendQueueElement(&queue_, mine);
-  mine->pData[0] = 9;
-  mine->nServiceHandle = 6;
-  EXPECT_EQ(queue_.pHead->pData[0], 1);
-  EXPECT_EQ(queue_.pHead->nServiceHandle, 5u);
-  EXPECT_NE(queue_.pHead->pData, mine->pData);
-  fncDestroyQueueElement(mine);
-}
-
-TEST(QueueElementTest, DataOwnershipAndCopies) {
-  typQueueElement *e = fncCreateQueueElement();
-  unsigned char data[] = {0x00, 0x40, 0x07};
-  EXPECT_EQ(fncSetQueueElementData(e, data, 3), 1u);
-  EXPECT_EQ(fncSetQueueElementData(e, data, 0), 0u);
-  EXPECT_EQ(e->pData, nullptr);
-  EXPECT_EQ(e->nDataLen, 0u);
-  fncSetQueueElementData(e, data, 2);
-  unsigned char out[8];
-  unsigned int length = 99;
-  EXPECT_EQ(fncGetQueueElementData(e, out, &length), 1u);
-  EXPECT_EQ(length, 2u);
-  EXPECT_EQ(fncGetQueueElementHartData(e, out, &length), 0u);
-  EXPECT_EQ(length, 0u);
-  fncSetQueueElementData(e, data, 3);
-  EXPECT_EQ(fncGetQueueElementHartData(e, out, &length), 1u);
-  EXPECT_EQ(length, 1u);
-  EXPECT_EQ(out[0], 0x07);
-
-  typQueueElement *empty = fncCreateQueueElement();
-  empty->nReplyCommand = 44;
-  empty->dwReplySpare = 7;
-  EXPECT_EQ(fncCopyQueueElement(e, empty), 1u);
-  EXPECT_EQ(e->nDataLen, 3u);  // a source without data leaves the destination's
-  EXPECT_EQ(e->nReplyCommand, 44u);
-  EXPECT_EQ(e->dwReplySpare, 7u);
-  EXPECT_EQ(fncCopyQueueElement(nullptr, e), 0u);
-  EXPECT_EQ(fncCopyQueueElement(e, nullptr), 0u);
-  EXPECT_EQ(fncInitQueueElement(nullptr), 0u);
-  EXPECT_EQ(fncDestroyQueueElement(nullptr), 0u);
-  EXPECT_EQ(fncDestroyQueueElement(empty), 1u);
-  EXPECT_EQ(fncDestroyQueueElement(e), 1u);
-}
-
-TEST(QueueTableTest, DeleteKeepsTheLockWordAndInitAllIsAStartUpStep) {
-  typQueue queue{};
-  fncInitQueue(&queue);
-  queue.bLocked = 1;
-  EXPECT_EQ(fncDeleteQueue(&queue), 1u);
-  EXPECT_EQ(queue.bLocked.load(), 1u);
-  EXPECT_EQ(fncIfLocked(&queue), 1u);
-  typQueueElement *e = fncCreateQueueElement();
-  EXPECT_EQ(fncAppendQueueElement(&queue, e), 1u);
-  fncDestroyQueueElement(e);
-  fncDeleteQueue(&queue);
-  fncInitAllQueues();
-  for (const tagCOMPORTINFO &port : ComPortTable) EXPECT_EQ(port.pTransmitQueue, nullptr);
-  for (unsigned int i = 0; i < kPortCount; ++i) ComPortTable[i].pTransmitQueue = &TransmitQueues[i];
-}
-
-TEST(QueueGuardTest, WorkerOnlyTriesAndTheWordHoldsItOff) {
+// Two application threads on one queue: the guard lets one in at a time, and its holder again.
+TEST(QueueTest, GuardLetsOneClientThreadInAtATime) {
   typQueue &queue = TransmitQueues[30];
-  LockQueue(&queue);
-  LockQueue(&queue);  // the holding thread takes it again without waiting
-  bool taken = true;
-  std::thread worker([&] { taken = TryTakeQueue(&queue); });
-  worker.join();
-  EXPECT_FALSE(taken);
-  UnlockQueue(&queue);
-  std::thread again([&] {
-    taken = TryTakeQueue(&queue);
-    if (taken) GiveQueue(&queue);
-  });
-  again.join();
-  EXPECT_TRUE(taken);
-  queue.bLocked = 1;  // a client writing the word through the table pointer
-  std::thread held_off([&] { taken = TryTakeQueue(&queue); });
-  held_off.join();
-  EXPECT_FALSE(taken);
-  queue.bLocked = 0;
+  std::atomic<unsigned int> inside{0}, overlaps{0}, started{0};
+  auto client = [&](unsigned int first) {
+    for (started.fetch_add(1); started.load() < 2;) std::this_thread::yield();
+    for (unsigned int i = first; i < first + 300; ++i) {
+      LockQueue(&queue);
+      LockQueue(&queue);  // the holder takes it again without waiting
+      overlaps += inside.fetch_add(1) != 0;
+      Append(queue, i);
+      std::this_thread::yield();
+      inside.fetch_sub(1);
+      UnlockQueue(&queue);
+    }
+  };
+  { std::jthread a(client, 0), b(client, 1000); }
+  EXPECT_EQ(Words({overlaps.load(), static_cast<unsigned int>(Walk(queue).size())}), (Words{0, 600}));
+  fncDeleteQueue(&queue);
+}
+
+// Applications kA and kB with notice windows; a result handed over as the worker does.
+class DeliveryTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ResetDriverTables();
+    for (unsigned int hApp : {kA, kB}) {
+      AppTable[hApp].hWnd = CreateNoticeWindow();
+      AppTable[hApp].nReplyMsg = kReplyMsg;
+    }
+  }
+  void TearDown() override {
+    for (unsigned int hApp : {kA, kB}) DestroyNoticeWindow(AppTable[hApp].hWnd.load());
+    ResetDriverTables();
+  }
+  static void Pass(unsigned int hApp, unsigned int hServ, std::vector<unsigned char> data,
+                   unsigned int good = 1, unsigned short burst = 0) {
+    typQueueElement *element = fncCreateQueueElement();
+    element->nAppHandle = hApp;
+    element->nServiceHandle = hServ;
+    fncSetQueueElementData(element, data.data(), static_cast<unsigned int>(data.size()));
+    fncPassToApplication(&ComPortTable[0], good, element, 1, burst);
+  }
+  // wParam (and lParam) of every notice waiting for hApp, removed; each must carry kReplyMsg.
+  static Words Notices(unsigned int hApp, bool with_lparam = false) {
+    Words out;
+    for (const MSG &msg : Drain(AppTable[hApp].hWnd.load())) {
+      out.push_back(msg.message == kReplyMsg ? static_cast<unsigned int>(msg.wParam) : 0xBAD);
+      if (with_lparam) out.push_back(static_cast<unsigned int>(msg.lParam));
+    }
+    return out;
+  }
+};
+
+unsigned int Found(const typQueueElement *e) { return e ? e->nServiceHandle : kNone; }
+
+// Port row 0 holds requests and results of kA (even services) and kB (odd ones); service row 24
+// came from another port. Row 10 is in use, the others are abandoned.
+TEST_F(DeliveryTest, SearchesAndClearingTakeOnlyTheirOwn) {
+  typQueue *queues[] = {&TransmitQueues[0], &AppReceiveQueues[kA], &AppReceiveQueues[kB],
+                        &ReceivePendingQueue};
+  const std::vector<Words> start = {{10, 11, 12}, {20, kBurstService}, {21}, {22, kBurstService, 24}};
+  const Words kept = {1, 4, 4, 4, 4, 4};
+  auto fill = [&] {
+    fncClearAllQueues();
+    for (unsigned int q = 0; q < 4; ++q)
+      for (unsigned int s : start[q]) {
+        Append(*queues[q], s, s % 2 ? kB : kA, s == 24 ? 4 : 0);
+        ServiceTable[s % kServiceCount].nServiceState = s == 10 ? 1 : 4;
+      }
+    ComPortTable[0].pActiveElement = fncCreateQueueElement();
+  };
+  fill();
+  EXPECT_EQ(Words({Found(fncFindTransmitService(kA, 11)), Found(fncFindReceiveService(kB, 20)),
+                   Found(fncFindTransmitApplication(0, kB)), fncGetBurstCount(kA)}),
+            (Words{11, kNone, 11, 2}));
+  // After each clearing: the four queues, the states of 10 12 20 21 22 24, the clear mark of the
+  // element in service (kNone: it was dropped).
+  const std::pair<unsigned int (*)(), std::vector<Words>> clears[] = {
+      {[] { return fncClearQueuesOfApp(0, kA); }, {{11}, {}, {21}, {kBurstService}, {0, 0, 0, 4, 0, 0}, {0}}},
+      {[] { return fncClearQueuesOfCom(0); }, {{}, start[1], {21}, {24}, kept, {kBurstService}}},
+      {[] { return fncClearBurstQueue(kA); }, {start[0], {20}, {21}, {22, 24}, kept, {0}}},
+      {fncClearAllQueues, {{}, {}, {}, {}, kept, {kNone}}}};
+  for (const auto &[clear, after] : clears) {
+    fill();
+    clear();
+    std::vector<Words> got{Walk(*queues[0]), Walk(*queues[1]), Walk(*queues[2]), Walk(*queues[3]), {}, {}};
+    for (unsigned int s : {10, 12, 20, 21, 22, 24}) got[4].push_back(ServiceTable[s].nServiceState.load());
+    got[5].push_back(ComPortTable[0].pActiveElement ? ComPortTable[0].pActiveElement->nClearMark : kNone);
+    EXPECT_EQ(got, after);
+  }
+}
+
+TEST_F(DeliveryTest, NoticeGoesToTheOwnersWindow) {
+  const std::vector<unsigned char> ten = {0x00, 0x40, 1, 2, 3, 4, 5, 6, 7, 8};
+  const std::tuple<unsigned int, std::vector<unsigned char>, unsigned int, unsigned short, unsigned int,
+                   unsigned int>
+      rows[] = {{5, ten, 1, 0, 0x80040, 1}, {5, ten, 1, 1, 0x8080040, 1}, {6, {32, 0}, 1, 0, 0x2000, 1},
+                {7, {7}, 1, 0, 0xFFFF, 0},   {8, {}, 1, 0, 0xFFFF, 0},      {9, ten, 0, 1, 0x800FFFF, 0},
+                {kBurstService, {0, 0}, 1, 1, 0x1234, 1}};  // service, bytes, good, burst, lParam, counted
+  AppTable[kA].nBurstAppKey = 0x1234;  // a burst frame carries it instead of the reply word
+  for (const auto &[service, data, good, burst, word, counted] : rows) {
+    SCOPED_TRACE(::testing::Message() << "service " << service << ", " << data.size() << " bytes");
+    AppTable[kA].nReplyCount = 0;
+    Pass(kA, service, data, good, burst);
+    EXPECT_EQ(Notices(kA, true), (Words{service, word}));
+    EXPECT_EQ(AppTable[kA].nReplyCount.load(), counted);
+  }
+}
+
+// Results that meet a held receive queue wait, and are announced oldest first before the next
+// one; each is fetched once. A result for a destroyed window waits unannounced, and that of an
+// abandoned request is dropped.
+TEST_F(DeliveryTest, ParkedResultsAndAbandonedRequests) {
+  LockQueue(&AppReceiveQueues[kA]);
+  Pass(kA, 10, {0, 0, 0xAA});
+  Pass(kB, 11, {0, 0});
+  Pass(kA, 12, {0x20, 0x40, 0xCC, 0xDD});
+  EXPECT_EQ(std::vector<Words>({Notices(kA), Notices(kB)}), (std::vector<Words>{{}, {11}}));  // B's was free
+  UnlockQueue(&AppReceiveQueues[kA]);
+  Pass(kA, 14, {0, 0});
+  EXPECT_EQ(Notices(kA), (Words{10, 12, 14}));
+  unsigned char data[256];
+  tagHARTREQUEST reply{0, 0, 0, {}, data, 0, 0, 0, 0, 0};
+  unsigned int app_id = 0;
+  ServiceTable[12].nServiceState = 1;
+  ServiceTable[12].nAppId = 0x10002;
+  EXPECT_EQ(Words({HART_ReceiveRequest(kA, 12, &reply, &app_id), reply.nDataCount, data[0], data[1],
+                   reply.nResponseCode, reply.nDeviceStatus, app_id, ServiceTable[12].nServiceState.load(),
+                   HART_ReceiveRequest(kA, 12, &reply, &app_id)}),
+            (Words{1, 2, 0xCC, 0xDD, 0x20, 0x40, 0x10002, 0, 0}));
+  // The result stays tied to the window it was first meant for.
+  DestroyNoticeWindow(AppTable[kA].hWnd.load());
+  Pass(kA, 40, {0, 0});
+  AppTable[kA].hWnd = CreateNoticeWindow();
+  fncPassReceivePendingQueue();
+  EXPECT_EQ(Words({ReceivePendingQueue.nCount, Found(fncFindReceiveService(kA, 40)),
+                   ReceivePendingQueue.pHead ? ReceivePendingQueue.pHead->bUnposted : 0}),
+            (Words{1, kNone, 1}));
+  ServiceTable[50].nServiceState = 4;  // an abandoned request: its result is dropped and its row freed
+  Pass(kB, 50, {0, 0});
+  EXPECT_EQ(Words({Found(fncFindReceiveService(kB, 50)), ServiceTable[50].nServiceState.load()}),
+            (Words{kNone, 0}));
+  EXPECT_EQ(Notices(kA), Words{});
 }
 
 }  // namespace
-}  // namespace velmora
+}  // namespace velmora::test

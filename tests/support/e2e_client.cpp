@@ -2,6 +2,7 @@
 #include "tests/support/e2e_client.h"
 
 #include <chrono>
+#include <utility>
 
 namespace velmora::test {
 
@@ -13,36 +14,23 @@ Client::Client(unsigned int port, unsigned int baud_code, unsigned int history_m
 
 Client::~Client() {
   Unregister();
-  MSG msg;
-  while (PeekMessageA(&msg, window_, 0, 0, PM_REMOVE)) {
-  }
   DestroyNoticeWindow(window_);
 }
 
-void Client::Configure(unsigned int retries, unsigned int preambles) {
-  tagHARTCONFIG config{1, preambles, retries, 0, 0};
+void Client::Configure(unsigned int retries) {
+  tagHARTCONFIG config{};
   HART_GetConfiguration(hApp_, &config);
   config.nRetries = retries;
-  config.nPreambles = preambles;
   HART_SetConfiguration(hApp_, &config);
 }
 
-unsigned int Client::SendShort(unsigned char command, std::vector<unsigned char> data, unsigned char address) {
+unsigned int Client::Send(unsigned char command, const unsigned char *long_address) {
   tagHARTREQUEST request{};
   request.nCommand = command;
-  request.nPollingAddress = address;
-  request.pData = data.data();
-  request.nDataCount = static_cast<unsigned int>(data.size());
-  return HART_SendRequest(hApp_, &request, command);
-}
-
-unsigned int Client::SendLong(const unsigned char address[5], unsigned char command, std::vector<unsigned char> data) {
-  tagHARTREQUEST request{};
-  request.nCommand = command;
-  request.nAddressFormat = 2;
-  for (int i = 0; i < 5; ++i) request.abLongAddress[i] = address[i];
-  request.pData = data.data();
-  request.nDataCount = static_cast<unsigned int>(data.size());
+  if (long_address) {
+    request.nAddressFormat = 2;
+    for (int i = 0; i < 5; ++i) request.abLongAddress[i] = long_address[i];
+  }
   return HART_SendRequest(hApp_, &request, command);
 }
 
@@ -59,21 +47,14 @@ std::optional<Reply> Client::Await(unsigned int hServ, unsigned int timeout_ms) 
     tagHARTREQUEST reply{};
     reply.pData = data;
     if (HART_ReceiveRequest(hApp_, hServ, &reply, nullptr) != 1) return std::nullopt;
-    Reply out;
-    out.lparam = static_cast<unsigned int>(msg.lParam);
-    out.command = reply.nCommand;
-    out.response_code = reply.nResponseCode;
-    out.device_status = reply.nDeviceStatus;
-    out.data.assign(data, data + reply.nDataCount);
-    return out;
+    return Reply{static_cast<unsigned int>(msg.lParam), reply.nCommand, reply.nResponseCode, reply.nDeviceStatus,
+                 std::vector<unsigned char>(data, data + reply.nDataCount)};
   }
   return std::nullopt;
 }
 
 void Client::Unregister() {
-  if (hApp_ == VELMORA_NONE) return;
-  HART_UnRegisterDriver(hApp_);
-  hApp_ = VELMORA_NONE;
+  if (hApp_ != VELMORA_NONE) HART_UnRegisterDriver(std::exchange(hApp_, VELMORA_NONE));
 }
 
 }  // namespace velmora::test

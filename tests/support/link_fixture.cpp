@@ -1,29 +1,29 @@
 // The link-layer fixture: virtual clock, in-memory line, a port without worker, one application.
 #include "tests/support/link_fixture.h"
 
+#include <algorithm>
+#include <numeric>
+
 #include "core/tables.h"
-#include "link/transaction.h"
 #include "port/port_control.h"
-#include "port/port_runtime.h"
 #include "port/worker.h"
 
 namespace velmora::test {
 
-std::vector<unsigned char> Frame(unsigned int preambles, std::vector<unsigned char> body) {
-  std::vector<unsigned char> out(preambles, 0xFF);
-  unsigned char checksum = 0;
-  for (unsigned char b : body) checksum ^= b;
+using platform::MemoryLine;
+
+Bytes Frame(unsigned int preambles, Bytes body) {
+  Bytes out(preambles, 0xFF);
   out.insert(out.end(), body.begin(), body.end());
-  out.push_back(checksum);
+  out.push_back(static_cast<unsigned char>(std::accumulate(body.begin(), body.end(), 0, std::bit_xor<>())));
   return out;
 }
 
-std::vector<unsigned char> ShortResponse(unsigned char address, unsigned char command,
-                                         std::vector<unsigned char> data, bool primary, unsigned int preambles,
-                                         bool burst) {
-  std::vector<unsigned char> body = {static_cast<unsigned char>(burst ? 0x01 : 0x06),
-                                     static_cast<unsigned char>((primary ? 0x80 : 0) | (burst ? 0x40 : 0) | address),
-                                     command, static_cast<unsigned char>(data.size())};
+Bytes ShortResponse(unsigned char address, unsigned char command, Bytes data, bool primary,
+                    unsigned int preambles, bool burst) {
+  const int address_byte = (primary ? 0x80 : 0) | (burst ? 0x40 : 0) | address;
+  Bytes body = {static_cast<unsigned char>(burst ? 0x01 : 0x06), static_cast<unsigned char>(address_byte),
+                command, static_cast<unsigned char>(data.size())};
   body.insert(body.end(), data.begin(), data.end());
   return Frame(preambles, body);
 }
@@ -44,55 +44,38 @@ void ResetDriverTables() {
     }
     if (port.pActiveElement) fncDestroyQueueElement(port.pActiveElement);
     port.pActiveElement = nullptr;
-    port.bRequestPending = 0;
-    port.nRetryCount = 0;
-    port.nRetries = 0;
+    port.bRequestPending = port.nRetryCount = port.nRetries = port.bLongPreambleFix = port.dwDebugFlags = 0;
     port.nPreambles = 5;
     port.bPrimaryMaster = 1;
-    port.bLongPreambleFix = 0;
-    port.nMacState = 0;
-    port.nTxRequest = 0;
-    port.nMonitorMsg = 0;
-    port.hMonitorWnd = nullptr;
-    port.hHistoryWnd = nullptr;
-    port.nHistoryMsg = 0;
-    port.nOpenCount = 0;
-    port.nExtraRtsDelay = 0;
-    port.nFailedCycles = 0;
-    port.nNonPreambleBytes = 0;
-    port.nBaudCode = 0;
-    port.dwDebugFlags = 0;
+    port.nMacState = port.nTxRequest = port.nMonitorMsg = port.nHistoryMsg = port.nOpenCount = 0;
+    port.hMonitorWnd = port.hHistoryWnd = nullptr;
+    port.nExtraRtsDelay = port.nFailedCycles = port.nNonPreambleBytes = port.nBaudCode = 0;
     RxFrameTable[i] = typRxFrameStruct{};
     RxFrameTable[i].bRxRolePrimary = 1;
     typTimerControlStruct &timer = TimerTable[i];
-    timer.tStart = timer.tLastRx = timer.nTimeOutMs = timer.tNow = timer.nCharTimeOutMs = 0;
-    timer.nBaudCode = 0;
+    timer.tStart = timer.tLastRx = timer.nTimeOutMs = timer.tNow = timer.nCharTimeOutMs = timer.nBaudCode = 0;
   }
   fncClearAllQueues();
   for (tagAPPINFO &app : AppTable) {
-    app.bInUse = 0;
-    app.nBurstAppKey = 0;
-    app.bRepeatIfBusy = 0;
+    app.bInUse = app.nBurstAppKey = app.bRepeatIfBusy = app.nLinkEventMsg = app.nReplyMsg = 0;
+    app.nReplyCount = app.nAppKey = 0;
     app.hWnd = nullptr;
-    app.nLinkEventMsg = 0;
-    app.nReplyMsg = 0;
-    app.nReplyCount = 0;
-    app.nAppKey = 0;
   }
   for (tagSERVICEINFO &service : ServiceTable) service.nServiceState = 0;
   FlushHistory();
 }
 
-tagCOMPORTINFO &LinkFixture::ComPort() { return ComPortTable[kPort - 1]; }
+tagCOMPORTINFO &LinkFixture::Port() { return ComPortTable[kPort - 1]; }
 
 void LinkFixture::OpenAt(unsigned int baud_code) {
+  if (clock_) TearDown();
   ResetDriverTables();
   clock_ = std::make_unique<platform::VirtualClock>(100000);
   static int counter = 0;
-  line_name_ = "link-fixture-" + std::to_string(++counter);
-  line_ = platform::MemoryLine::Create(line_name_);
-  line_->SetEndBaud(platform::MemoryLine::kFarEnd, BaudRateOf(baud_code));
-  SetComPortDevice(kPort, ("mem:" + line_name_).c_str());
+  const std::string name = "link-fixture-" + std::to_string(++counter);
+  line_ = MemoryLine::Create(name);
+  line_->SetEndBaud(MemoryLine::kFarEnd, BaudRateOf(baud_code));
+  SetComPortDevice(kPort, ("mem:" + name).c_str());
   app_window_ = CreateNoticeWindow();
   history_window_ = CreateNoticeWindow();
   Port().nBaudCode = baud_code;
@@ -104,10 +87,13 @@ void LinkFixture::OpenAt(unsigned int baud_code) {
   app.nReplyMsg = kReplyMsg;
   app.nLinkEventMsg = kLinkMsg;
   app.nAppKey = 77;
+  far_in_.clear();
+  far_in_times_.clear();
+  states_ = {Port().nMacState.load()};
+  notices_.clear();
   listener_ = clock_->AddTickListener([this](uint64_t) {
-    platform::MemoryLine::TimedByte bytes[256];
-    uint32_t got;
-    while ((got = line_->ReadTimed(platform::MemoryLine::kFarEnd, bytes, 256)) > 0)
+    MemoryLine::TimedByte bytes[256];
+    for (uint32_t got; (got = line_->ReadTimed(MemoryLine::kFarEnd, bytes, 256)) > 0;)
       for (uint32_t i = 0; i < got; ++i) {
         far_in_.push_back(bytes[i].value);
         far_in_times_.push_back(bytes[i].arrival_us);
@@ -119,67 +105,57 @@ void LinkFixture::TearDown() {
   if (clock_ && listener_) clock_->RemoveTickListener(listener_);
   ResetDriverTables();
   SetComPortDevice(kPort, nullptr);
-  for (HWND w : {app_window_, history_window_}) {
-    Drain(w);
-    DestroyNoticeWindow(w);
-  }
+  for (HWND w : {app_window_, history_window_}) DestroyNoticeWindow(w);
   line_.reset();
   clock_.reset();
 }
 
-void LinkFixture::Pass() { RunWorkerPass(&Port()); }
-
-void LinkFixture::RunFor(unsigned int ms) {
-  const uint64_t end = NowUs() + static_cast<uint64_t>(ms) * 1000;
-  while (NowUs() < end) Pass();
+void LinkFixture::Pass() {
+  RunWorkerPass(&Port());
+  if (Port().nMacState.load() != states_.back()) states_.push_back(Port().nMacState.load());
+  for (const MSG &msg : Drain(app_window_)) notices_.push_back(msg);
 }
 
+void LinkFixture::RunFor(unsigned int ms) { RunUntil([] { return false; }, ms); }
+
 bool LinkFixture::RunUntil(const std::function<bool()> &pred, unsigned int ms) {
-  const uint64_t end = NowUs() + static_cast<uint64_t>(ms) * 1000;
-  while (NowUs() < end) {
+  for (const uint64_t end = NowUs() + ms * 1000ull; NowUs() < end; Pass())
     if (pred()) return true;
-    Pass();
-  }
   return pred();
 }
 
-void LinkFixture::FarSend(const std::vector<unsigned char> &bytes, uint64_t start_us) {
-  line_->WriteAt(platform::MemoryLine::kFarEnd, bytes.data(), static_cast<uint32_t>(bytes.size()),
-                 start_us ? start_us : NowUs());
+std::vector<MSG> LinkFixture::Notices(unsigned int message) const {
+  std::vector<MSG> out;
+  std::copy_if(notices_.begin(), notices_.end(), std::back_inserter(out),
+               [&](const MSG &msg) { return msg.message == message; });
+  return out;
 }
 
-std::vector<unsigned char> LinkFixture::FarReceived() { return far_in_; }
+void LinkFixture::FarSend(const Bytes &bytes) {
+  line_->WriteAt(MemoryLine::kFarEnd, bytes.data(), static_cast<uint32_t>(bytes.size()), NowUs());
+}
 
-unsigned int LinkFixture::Send(unsigned char command, std::vector<unsigned char> data, unsigned char address) {
+unsigned int LinkFixture::Send(unsigned char command) {
   tagHARTREQUEST request{};
   request.nCommand = command;
-  request.nPollingAddress = address;
-  request.pData = data.data();
-  request.nDataCount = static_cast<unsigned int>(data.size());
   return HART_SendRequest(kApp, &request, 0x00120034);
 }
 
-void LinkFixture::AutoReply(std::function<std::vector<unsigned char>(const std::vector<unsigned char> &)> reply,
-                            uint64_t turnaround_us) {
+void LinkFixture::AutoReply(std::function<Bytes(const Bytes &)> reply, uint64_t turnaround_us) {
   auto seen = std::make_shared<size_t>(0);
   clock_->AddTickListener([this, reply, turnaround_us, seen](uint64_t) {
     // Look for a complete request frame in what the far end has received since the last one.
     size_t at = *seen;
     while (at < far_in_.size() && far_in_[at] == 0xFF) ++at;
-    if (at + 4 > far_in_.size()) return;
-    const unsigned char delimiter = far_in_[at];
-    const size_t header = (delimiter & 0x80) ? 8 : 4;
+    const size_t header = at < far_in_.size() && (far_in_[at] & 0x80) ? 8 : 4;
     if (at + header > far_in_.size()) return;
     const size_t total = header + far_in_[at + header - 1] + 1;
     if (at + total > far_in_.size()) return;
-    std::vector<unsigned char> frame(far_in_.begin() + static_cast<long>(at),
-                                     far_in_.begin() + static_cast<long>(at + total));
-    const uint64_t last_us = far_in_times_[at + total - 1];
+    const Bytes out = reply(Bytes(far_in_.data() + at, far_in_.data() + at + total));
     *seen = at + total;
-    std::vector<unsigned char> out = reply(frame);
     if (!out.empty())
-      line_->WriteAt(platform::MemoryLine::kFarEnd, out.data(), static_cast<uint32_t>(out.size()),
-                     last_us + turnaround_us);
+      line_->WriteAt(MemoryLine::kFarEnd, out.data(), static_cast<uint32_t>(out.size()),
+                     far_in_times_[at + total - 1] + turnaround_us);
   });
 }
 

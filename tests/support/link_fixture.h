@@ -7,7 +7,6 @@
 
 #include <functional>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "platform/clock.h"
@@ -16,12 +15,13 @@
 
 namespace velmora::test {
 
+using Bytes = std::vector<unsigned char>;
+
 // Builds a frame: preambles, then delimiter..data and the checksum worked out here.
-std::vector<unsigned char> Frame(unsigned int preambles, std::vector<unsigned char> body);
+Bytes Frame(unsigned int preambles, Bytes body);
 // A short response from polling address `address` to a master (bit 7 = master_bit).
-std::vector<unsigned char> ShortResponse(unsigned char address, unsigned char command,
-                                         std::vector<unsigned char> data, bool primary = true,
-                                         unsigned int preambles = 5, bool burst = false);
+Bytes ShortResponse(unsigned char address, unsigned char command, Bytes data, bool primary = true,
+                    unsigned int preambles = 5, bool burst = false);
 
 // Every message waiting in a window, removed.
 std::vector<MSG> Drain(HWND window);
@@ -41,39 +41,41 @@ class LinkFixture : public ::testing::Test {
   void SetUp() override { OpenAt(0); }
   void TearDown() override;
 
-  // Opens the port at baud code `baud_code` with the application row kApp registered on it.
+  // Opens the port at baud code `baud_code` with the application row kApp registered on it;
+  // closes what an earlier call opened.
   void OpenAt(unsigned int baud_code);
-  tagCOMPORTINFO &Port() { return ComPort(); }
-  static tagCOMPORTINFO &ComPort();
+  tagCOMPORTINFO &Port();
   typRxFrameStruct &Rx() { return *Port().pRxFrame; }
 
-  // One worker pass; passes until the clock has moved by at least ms.
+  // One worker pass (noting a state change in states_ and the application's notices in
+  // notices_); passes until the clock has moved by at least ms.
   void Pass();
   void RunFor(unsigned int ms);
   // Passes until pred holds or ms have passed; true if it held.
   bool RunUntil(const std::function<bool()> &pred, unsigned int ms);
+  // The notices of one message number the application's window got during passes.
+  std::vector<MSG> Notices(unsigned int message) const;
 
-  // The far end sends bytes starting at the given virtual time (now if 0).
-  void FarSend(const std::vector<unsigned char> &bytes, uint64_t start_us = 0);
-  // Bytes the far end has received so far.
-  std::vector<unsigned char> FarReceived();
+  // The far end sends bytes from now on.
+  void FarSend(const Bytes &bytes);
 
-  unsigned int Send(unsigned char command, std::vector<unsigned char> data = {}, unsigned char address = 0);
+  // Sends a request without data to address 0 for kApp, with application id 0x00120034.
+  unsigned int Send(unsigned char command);
   uint64_t NowUs() const { return clock_->NowMicros(); }
 
   // Answers every complete request the far end receives with reply(request_frame), after a
   // turnaround of turnaround_us from the request's last byte; an empty reply sends nothing.
-  void AutoReply(std::function<std::vector<unsigned char>(const std::vector<unsigned char> &)> reply,
-                 uint64_t turnaround_us = 20000);
+  void AutoReply(std::function<Bytes(const Bytes &)> reply, uint64_t turnaround_us = 20000);
 
   std::unique_ptr<platform::VirtualClock> clock_;
   std::shared_ptr<platform::MemoryLine> line_;
   HWND app_window_ = nullptr;
   HWND history_window_ = nullptr;
-  std::vector<unsigned char> far_in_;
+  Bytes far_in_;  // the bytes the far end has received, and when
   std::vector<uint64_t> far_in_times_;
+  std::vector<unsigned int> states_;  // the state machine's states, each change once
+  std::vector<MSG> notices_;
   int listener_ = 0;
-  std::string line_name_;
 };
 
 }  // namespace velmora::test

@@ -6,22 +6,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <climits>
-#include <cstring>
+#include <filesystem>
 
 namespace velmora::test {
 
 std::string SimProcess::Binary() {
-  char self[PATH_MAX] = {};
-  const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
-  std::string dir = length > 0 ? std::string(self, static_cast<size_t>(length)) : std::string();
-  dir = dir.substr(0, dir.find_last_of('/'));
-  return dir + "/../sim/velmora-sim";
+  std::error_code error;
+  return (std::filesystem::read_symlink("/proc/self/exe", error).parent_path() / "../sim/velmora-sim").string();
 }
 
 SimProcess::SimProcess(const std::vector<std::string> &args) {
   const std::string binary = Binary();
-  if (access(binary.c_str(), X_OK) != 0) return;
   int out[2];
   if (pipe(out) != 0) return;
   pid_ = fork();
@@ -29,8 +24,7 @@ SimProcess::SimProcess(const std::vector<std::string> &args) {
     dup2(out[1], STDOUT_FILENO);
     close(out[0]);
     close(out[1]);
-    std::vector<char *> argv;
-    argv.push_back(const_cast<char *>(binary.c_str()));
+    std::vector<char *> argv{const_cast<char *>(binary.c_str())};
     for (const std::string &arg : args) argv.push_back(const_cast<char *>(arg.c_str()));
     argv.push_back(nullptr);
     execv(binary.c_str(), argv.data());
@@ -40,16 +34,15 @@ SimProcess::SimProcess(const std::vector<std::string> &args) {
   // The first line, "velmora-sim: PATH", says that the line is served.
   std::string line;
   pollfd waiter{out[0], POLLIN, 0};
-  while (line.find('\n') == std::string::npos && poll(&waiter, 1, 5000) > 0) {
-    char chunk[256];
-    const ssize_t got = read(out[0], chunk, sizeof chunk);
-    if (got <= 0) break;
+  char chunk[256];
+  ssize_t got = 0;
+  while (line.find('\n') == std::string::npos && poll(&waiter, 1, 5000) > 0 &&
+         (got = read(out[0], chunk, sizeof chunk)) > 0)
     line.append(chunk, static_cast<size_t>(got));
-  }
   close(out[0]);
+  const std::string prefix = "velmora-sim: ";
   const size_t end = line.find('\n');
-  const size_t space = line.rfind(' ', end);
-  if (end != std::string::npos && space != std::string::npos) path_ = line.substr(space + 1, end - space - 1);
+  if (line.rfind(prefix, 0) == 0 && end != std::string::npos) path_ = line.substr(prefix.size(), end - prefix.size());
 }
 
 SimProcess::~SimProcess() { Stop(); }
@@ -57,8 +50,7 @@ SimProcess::~SimProcess() { Stop(); }
 void SimProcess::Stop() {
   if (pid_ <= 0) return;
   kill(pid_, SIGTERM);
-  int status = 0;
-  waitpid(pid_, &status, 0);
+  waitpid(pid_, nullptr, 0);
   pid_ = -1;
 }
 
