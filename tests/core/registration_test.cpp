@@ -129,5 +129,36 @@ TEST_F(RegistrationTest, ExportsAnswerFromTheirArguments) {
             (Words{kNone, kNone, 0, 0}));
 }
 
+// The accessors read the registered row and never past a table; the exports kept for older
+// clients answer 1 whatever they are given.
+TEST_F(RegistrationTest, AccessorsReadTheRowOrNothingPastTheTables) {
+  const unsigned int a = Register(32, 2);
+  AppTable[a].nBurstAppKey = 4;
+  AppTable[a].bRepeatIfBusy = 1;
+  auto P = [](const void *pointer) { return reinterpret_cast<std::uintptr_t>(pointer); };
+  auto row = [&](unsigned int hApp) {
+    return Words({P(GetAppInfo(hApp)), GetAppKey(hApp), P(GetAppReceiveQueue(hApp)), P(GetApphWnd(hApp)),
+                  GetBurstAppKey(hApp), P(GetComPortHandle(hApp)), P(GetComPortInfo(hApp)), GetDriverId(hApp),
+                  GetRepeatIfBusy(hApp)});
+  };
+  EXPECT_EQ(row(a), (Words{P(&AppTable[a]), 9, P(&AppReceiveQueues[a]), P(window_), 4,
+                           P(ComPortTable[31].hComPort.load()), P(&ComPortTable[31]), 31, 1}));
+  EXPECT_EQ(row(kAppCount), (Words{0, 0, 0, 0, 0, P(NoHandle()), 0, kNone, 0}));
+  EXPECT_EQ(Words({P(GetServiceInfo(kServiceCount - 1)), P(GetServiceInfo(kServiceCount))}),
+            (Words{P(&ServiceTable[kServiceCount - 1]), 0}));
+  // A later registration with a history window takes the port's history over.
+  tagHARTREGISTRATION second{window_, 32, 2, 0, 0x500, 0x600, 3};
+  unsigned int b = kNone;
+  EXPECT_EQ(Words({HART_RegisterDriver(&second, &b), ComPortTable[31].nHistoryMsg.load(),
+                   P(ComPortTable[31].hHistoryWnd.load())}),
+            (Words{1, 0x600, P(window_)}));
+  unsigned int count = 0;
+  for (unsigned int hApp : {a, kNone})
+    EXPECT_EQ(Words({HART_DiscardRequests(hApp), HART_SetTestDLL(hApp, nullptr), HART_RegisterBurstAppKey(hApp, 1),
+                     HART_SetRepeatIfBusy(hApp), HART_ClearRepeatIfBusy(hApp), HART_ClearBurstQueue(hApp),
+                     HART_GetNumberOfBurst(hApp, &count), HART_GetBurst(hApp, nullptr), HART_SetDebugFlags(hApp, 0)}),
+              Words(9, 1));
+}
+
 }  // namespace
 }  // namespace velmora::test

@@ -36,6 +36,7 @@ class HistoryTest : public ::testing::Test {
     addHistReceiveDetails(Text("rx"));
     addHistQueueDetails(Text("queue"));  // never shown
     SetRspPAs(7);
+    EXPECT_EQ(GetRspPAs(), GetHistorySize() < kHistoryRecords ? 7u : 0u);  // a full store keeps none
     if (!response.empty()) putHistResponse(response.data(), static_cast<unsigned int>(response.size()));
     IncrementHistory();
   }

@@ -121,6 +121,17 @@ TEST(MemoryLineTest, PacesElevenBitsACharacterInVirtualTime) {
   EXPECT_FALSE(master->WaitDrained(5));  // the bound runs out first
   EXPECT_TRUE(master->WaitDrained(9));
   EXPECT_EQ(clock.NowMicros() - t0, 37000u);  // draining sleeps whole milliseconds, rounded up
+  // A long stream comes out whole and in order, also after the line has dropped what was read.
+  uint8_t chunk[300];
+  while (master->Read(chunk, sizeof chunk) > 0) {}
+  std::vector<uint8_t> stream(5000), got;
+  for (size_t i = 0; i < stream.size(); ++i) stream[i] = static_cast<uint8_t>(i * 7);
+  line->WriteAt(MemoryLine::kFarEnd, stream.data(), 5000, clock.NowMicros());
+  clock.AdvanceMs(7000);
+  for (int32_t n; (n = master->Read(chunk, sizeof chunk)) > 0;) got.insert(got.end(), chunk, chunk + n);
+  EXPECT_EQ(got, stream);
+  master->SetRts(true);
+  EXPECT_TRUE(line->Rts(MemoryLine::kMasterEnd));
 }
 
 // Notice windows as a client uses them.

@@ -80,6 +80,30 @@ TEST(QueueTest, GuardLetsOneClientThreadInAtATime) {
   fncDeleteQueue(&queue);
 }
 
+// An element's bytes come out whole or as the data behind the two status bytes; nothing comes
+// from an element too short for it, nor goes into no buffer.
+TEST(QueueTest, ElementDataComesOutWholeOrBehindTheStatus) {
+  typQueueElement *e = fncCreateQueueElement();
+  unsigned char bytes[] = {1, 2, 3, 4}, out[8];
+  const unsigned int rows[][6] = {  // length, hart data, buffer given, result, length out, first byte out
+      {4, 0, 1, 1, 4, 1}, {4, 1, 1, 1, 2, 3}, {3, 1, 1, 1, 1, 3}, {2, 1, 1, 0, 0, 0xEE},
+      {0, 0, 1, 0, 0, 0xEE}, {4, 0, 0, 0, 0, 0xEE}, {4, 1, 0, 0, 0, 0xEE}};
+  for (const auto &[length, hart, buffer, result, length_out, first] : rows) {
+    SCOPED_TRACE(::testing::Message() << length << " bytes, hart " << hart << ", buffer " << buffer);
+    fncSetQueueElementData(e, bytes, length);
+    out[0] = 0xEE;
+    unsigned int n = 99;
+    unsigned char *to = buffer ? out : nullptr;
+    const unsigned int got = hart ? fncGetQueueElementHartData(e, to, &n) : fncGetQueueElementData(e, to, &n);
+    EXPECT_EQ(Words({got, n, out[0]}), (Words{result, length_out, first}));
+  }
+  unsigned int n = 0;
+  EXPECT_EQ(Words({fncGetQueueElementData(e, out, nullptr), fncGetQueueElementHartData(nullptr, out, &n),
+                   fncCopyQueueElement(nullptr, e), fncCopyQueueElement(e, e)}),
+            (Words{0, 0, 0, 1}));
+  fncDestroyQueueElement(e);
+}
+
 // Applications kA and kB with notice windows; a result handed over as the worker does.
 class DeliveryTest : public ::testing::Test {
  protected:
@@ -203,6 +227,12 @@ TEST_F(DeliveryTest, ParkedResultsAndAbandonedRequests) {
   EXPECT_EQ(Words({Found(fncFindReceiveService(kB, 50)), ServiceTable[50].nServiceState.load()}),
             (Words{kNone, 0}));
   EXPECT_EQ(Notices(kA), Words{});
+  // A result left unannounced in its receive queue goes out on the next call for it.
+  ReceivePendingQueue.pHead->hPostWnd = AppTable[kA].hWnd.load();
+  fncAppendQueueElement(&AppReceiveQueues[kA], ReceivePendingQueue.pHead);
+  subSendOutstandingMessages();
+  EXPECT_EQ(Notices(kA), Words{40});
+  EXPECT_EQ(AppReceiveQueues[kA].pHead->bUnposted, 0u);
 }
 
 }  // namespace
