@@ -111,8 +111,12 @@ unsigned int UnRegisterLLMonitor(unsigned int hApp) noexcept {
 
 unsigned int GetServiceHandle(unsigned int hApp, tagSERVICEINFO **ppService, tagAPPINFO **ppApp,
                               tagCOMPORTINFO **ppPort) noexcept {
+  // The row is taken and given its owner under the registration lock: a previous owner that
+  // unregisters marks its rows abandoned under the same lock, and must never take this one.
+  std::lock_guard<std::mutex> lock(RegistrationMutex());
   const unsigned int row = TakeRow(ServiceTable, &tagSERVICEINFO::nServiceState);
   if (row == kNone) return kNone;
+  ServiceTable[row].nAppHandle = hApp;
   if (ppService) *ppService = &ServiceTable[row];
   if (ppApp) *ppApp = ValidApp(hApp) ? &AppTable[hApp] : nullptr;
   if (ppPort) *ppPort = ValidApp(hApp) ? &PortOfApp(hApp) : nullptr;

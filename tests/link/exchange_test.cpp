@@ -96,7 +96,7 @@ TEST_F(ExchangeTest, CommandZero) {
     Port().bPrimaryMaster = Rx().bRxRolePrimary = row.primary_before;
     Port().dwDebugFlags = 1;
     line_->SetMasterEcho(true);  // the parser must not take its own request for a reply
-    AutoReply([](const Bytes &request) { return ShortResponse(0, 0, kCmd0Data, request[6] & 0x80); });
+    AutoReply([](const Bytes &request) { return ShortResponse(0, 0, kCmd0Data, request[1] & 0x80); });
     ASSERT_TRUE(AwaitState(macLineFree, 400));
     line_->ClearRecord();
     const auto discarded_before = RuntimeOf(Port()).counters.frames_discarded.load();
@@ -183,7 +183,7 @@ TEST_F(ExchangeTest, AnswersAndSilence) {
     const auto cut_off_before = RuntimeOf(Port()).counters.frames_cut_off.load();
     tagHARTREQUEST request{};  // the one whose frame is expected
     request.nAddressFormat = frame[5] == 0x82 ? 2 : 0;
-    std::copy_n(frame.begin() + 6, 5, request.abLongAddress);
+    if (request.nAddressFormat == 2) std::copy_n(frame.begin() + 6, 5, request.abLongAddress);
     request.nCommand = frame[frame.size() - 3];
     const unsigned int hServ = HART_SendRequest(kApp, &request, 1);
     ASSERT_TRUE(RunUntil([&] { return !Notices(kReplyMsg).empty(); }, 4000));
