@@ -5,10 +5,10 @@
 
 #include <cstdio>
 
-#include "core/tables.h"
+#include "link/link_counters.h"
 #include "link/mac.h"
 #include "platform/clock.h"
-#include "port/port_runtime.h"
+#include "tables/tables.h"
 
 namespace velmora {
 namespace {
@@ -32,7 +32,7 @@ struct Parser {
     MarkFrameBad();
     rx.nRxState = kRxDiscarding;
     port->nTxRequest = 0;
-    RuntimeOf(*port).counters.frames_discarded.fetch_add(1, std::memory_order_relaxed);
+    CountersOf(*port).frames_discarded.fetch_add(1, std::memory_order_relaxed);
   }
 
   bool AcceptDelimiter(unsigned char byte) {
@@ -172,7 +172,7 @@ struct Parser {
             rx.bFrameValid = 1;
           } else {
             MarkFrameBad();
-            RuntimeOf(*port).counters.frames_bad_checksum.fetch_add(1, std::memory_order_relaxed);
+            CountersOf(*port).frames_bad_checksum.fetch_add(1, std::memory_order_relaxed);
           }
           StoreChecksumByte(byte);
           FinishFrame();

@@ -4,12 +4,12 @@
 // line for anybody, and after an exchange of its own this master holds off for 100 ms.
 #include "link/mac.h"
 
-#include "core/tables.h"
 #include "diag/history_store.h"
+#include "link/timeout.h"
 #include "link/transaction.h"
 #include "platform/clock.h"
-#include "port/timeout.h"
 #include "queues/delivery.h"
+#include "tables/tables.h"
 
 namespace velmora {
 namespace {

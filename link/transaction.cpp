@@ -4,12 +4,12 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/tables.h"
 #include "link/frame_builder.h"
+#include "link/sim_response.h"
 #include "platform/clock.h"
-#include "port/port_runtime.h"
 #include "queues/delivery.h"
 #include "queues/queue_guard.h"
+#include "tables/tables.h"
 
 namespace velmora {
 namespace {
@@ -67,6 +67,15 @@ void ResetRxFrame(tagCOMPORTINFO *pPort) {
 
 void CountRetry(tagCOMPORTINFO *pPort) { ++pPort->nRetryCount; }
 
+unsigned int HandOverFrame(tagCOMPORTINFO *pPort, const unsigned char *pFrame, unsigned int nLength) {
+  if (nLength > kMaxFrame || (!pFrame && nLength)) return kNone;
+  if (pPort->nTxRequest.load() != 0) return 0;
+  if (nLength) std::memcpy(pPort->abTxFrame, pFrame, nLength);
+  pPort->nTxFrameLen = nLength;
+  pPort->nTxRequest = 1;
+  return 1;
+}
+
 void FetchNextRequest(tagCOMPORTINFO *pPort) {
   // A request already in hand (its fetch raced a clearing) goes on before any new one.
   if (pPort->pActiveElement) {
@@ -109,7 +118,7 @@ void StartTransmission(tagCOMPORTINFO *pPort) {
     hook(active->pData, active->nDataLen, pPort->abSimResponse, &length);
     pPort->nSimResponseLen = length > sizeof pPort->abSimResponse ? sizeof pPort->abSimResponse : length;
   }
-  WriteToCom(pPort->hComPort.load(), active->pData, active->nDataLen);
+  HandOverFrame(pPort, active->pData, active->nDataLen);
   TraceService(pPort, "", active->nServiceHandle);
   ResetRxFrame(pPort);
 }

@@ -24,6 +24,9 @@ void StartTransmission(tagCOMPORTINFO *pPort);
 // bResponse: 1 if the frame on hand is a response (message type 4 or 6).
 void CompleteTransaction(tagCOMPORTINFO *pPort, unsigned int bResponse);
 void CountRetry(tagCOMPORTINFO *pPort);
+// Lays a frame in the port's transmit buffer for the worker to send: 1 taken, 0 the port is
+// still sending or awaiting an answer (the frame is dropped), -1 a frame over the buffer.
+unsigned int HandOverFrame(tagCOMPORTINFO *pPort, const unsigned char *pFrame, unsigned int nLength);
 void DistributeBurstFrame(tagCOMPORTINFO *pPort);
 void ResetRxFrame(tagCOMPORTINFO *pPort);
 

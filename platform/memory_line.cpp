@@ -54,17 +54,28 @@ class MemoryEnd final : public SerialLine {
     line_->WriteAt(end_, bytes, count, NowMicros());
     return static_cast<int32_t>(count);
   }
-  bool DoWaitDrained(uint32_t bound_ms) override {
-    uint64_t now = NowMicros();
-    uint64_t free_at = line_->SenderFreeAt(end_);
-    if (free_at <= now) return true;
-    uint64_t remaining_ms = (free_at - now + 999) / 1000;
-    if (remaining_ms > bound_ms) {
-      SleepMs(bound_ms);
-      return false;
+  uint64_t DoDrainedByUs() override { return line_->SenderFreeAt(end_); }
+  WaitResult DoWait(Wakeup &wakeup, uint64_t deadline_us, bool watch_input) override {
+    // Bytes written to this end nudge the wakeup; arrivals already scheduled bound the sleep.
+    line_->SetWaiter(end_, &wakeup);
+    WaitResult result;
+    for (;;) {
+      if (watch_input && line_->Waiting(end_) != 0) {
+        result = WaitResult::kInput;
+        break;
+      }
+      if (wakeup.Raised()) {
+        result = WaitResult::kWoken;
+        break;
+      }
+      if (NowMicros() >= deadline_us) {
+        result = WaitResult::kDeadline;
+        break;
+      }
+      wakeup.Sleep(watch_input ? std::min(deadline_us, line_->NextArrivalUs(end_)) : deadline_us);
     }
-    SleepMs(static_cast<uint32_t>(remaining_ms));
-    return true;
+    line_->SetWaiter(end_, nullptr);
+    return result;
   }
   void DoPurge() override { line_->Purge(end_); }
 
@@ -134,6 +145,8 @@ void MemoryLine::ScheduleLocked(int from, const uint8_t *bytes, uint32_t count, 
     record_.push_back(Event{EventKind::kByte, from, bytes[i], begin, arrival});
   }
   sender_free_us_[from] = start + CharMicros(baud, count);
+  if (waiter_[to]) waiter_[to]->Nudge();
+  if (from == kMasterEnd && master_echo_ && waiter_[from]) waiter_[from]->Nudge();
 }
 
 void MemoryLine::WriteAt(int end, const uint8_t *bytes, uint32_t count, uint64_t start_us) {
@@ -164,6 +177,17 @@ uint32_t MemoryLine::Waiting(int end) const {
   uint32_t count = 0;
   for (size_t i = in.read_pos; i < in.bytes.size() && in.bytes[i].arrival_us <= now; ++i) ++count;
   return count;
+}
+
+uint64_t MemoryLine::NextArrivalUs(int end) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const Direction &in = into_[end];
+  return in.read_pos < in.bytes.size() ? in.bytes[in.read_pos].arrival_us : kNoDeadline;
+}
+
+void MemoryLine::SetWaiter(int end, Wakeup *waiter) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  waiter_[end] = waiter;
 }
 
 uint64_t MemoryLine::SenderFreeAt(int end) const {

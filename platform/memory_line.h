@@ -50,6 +50,10 @@ class MemoryLine : public std::enable_shared_from_this<MemoryLine> {
   void WriteAt(int end, const uint8_t *bytes, uint32_t count, uint64_t start_us);
   // Bytes that have fully arrived at `end` by now, with their arrival times; removes them.
   uint32_t ReadTimed(int end, TimedByte *out, uint32_t max);
+  // When the first unread byte at `end` arrives (or arrived); kNoDeadline if none is on the way.
+  uint64_t NextArrivalUs(int end) const;
+  // The wakeup of the one thread waiting at `end`, nudged when bytes are written to it; or null.
+  void SetWaiter(int end, Wakeup *waiter);
   // When the sender at `end` is free again (its last byte's stop bit has ended).
   uint64_t SenderFreeAt(int end) const;
   // The baud rate of one end; bytes are paced at the sender's rate. 1200 to start with.
@@ -94,6 +98,7 @@ class MemoryLine : public std::enable_shared_from_this<MemoryLine> {
   bool dtr_[2] = {false, false};
   bool end_open_[2] = {false, false};
   bool master_echo_ = false;
+  Wakeup *waiter_[2] = {nullptr, nullptr};
   std::vector<Event> record_;
 };
 

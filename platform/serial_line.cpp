@@ -1,6 +1,7 @@
 // The checks every backend shares, and the choice of backend by device name.
 #include "platform/serial_line.h"
 
+#include "platform/clock.h"
 #include "platform/memory_line.h"
 
 namespace velmora::platform {
@@ -32,6 +33,16 @@ int32_t SerialLine::Read(uint8_t *buffer, uint32_t max) {
 int32_t SerialLine::Write(const uint8_t *bytes, uint32_t count) {
   if (!bytes || count == 0) return 0;
   return DoWrite(bytes, count);
+}
+
+WaitResult SerialLine::Wait(Wakeup &wakeup, uint64_t deadline_us, bool watch_input) {
+  if (!InstalledVirtualClock()) return DoWait(wakeup, deadline_us, watch_input);
+  for (;;) {
+    if (watch_input && BytesWaiting() != 0) return WaitResult::kInput;
+    if (wakeup.Raised()) return WaitResult::kWoken;
+    if (NowMicros() >= deadline_us) return WaitResult::kDeadline;
+    SleepMs(1);
+  }
 }
 
 OpenedLine OpenSerialLine(const std::string &device) {

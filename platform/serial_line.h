@@ -7,7 +7,15 @@
 #include <memory>
 #include <string>
 
+#include "platform/wakeup.h"
+
 namespace velmora::platform {
+
+// Waits on the platform clock: no deadline at all.
+constexpr uint64_t kNoDeadline = UINT64_MAX;
+
+// Why a wait ended.
+enum class WaitResult { kInput, kWoken, kDeadline };
 
 // Whose fault a failure was, with the OS error kept for the trace.
 enum class LineStatus { kOk, kNotFound, kBusy, kNotSerial, kOsError, kBadArgument };
@@ -30,8 +38,13 @@ class SerialLine {
   int32_t Read(uint8_t *buffer, uint32_t max);
   // Starts writing; may return before the bytes have left. Bytes accepted, -1 on error.
   int32_t Write(const uint8_t *bytes, uint32_t count);
-  // Waits until the output has drained, at most bound_ms. True when drained.
-  bool WaitDrained(uint32_t bound_ms) { return DoWaitDrained(bound_ms); }
+  // When the output will have drained, on the platform clock in microseconds; the present or
+  // earlier once it has. The worker arms its drain deadline with it rather than block.
+  uint64_t DrainedByUs() { return DoDrainedByUs(); }
+  // Waits until input waits (if watch_input), the wakeup is raised, or the platform clock reaches
+  // deadline_us. Under a virtual clock it advances the clock a millisecond at a time instead.
+  // Does not take the raise: the woken caller does.
+  WaitResult Wait(Wakeup &wakeup, uint64_t deadline_us, bool watch_input);
   // Drops all unsent output and unread input.
   void Purge() { DoPurge(); }
   int LastOsError() const { return last_os_error_; }
@@ -46,7 +59,8 @@ class SerialLine {
   virtual uint32_t DoBytesWaiting() = 0;
   virtual int32_t DoRead(uint8_t *buffer, uint32_t max) = 0;
   virtual int32_t DoWrite(const uint8_t *bytes, uint32_t count) = 0;
-  virtual bool DoWaitDrained(uint32_t bound_ms) = 0;
+  virtual uint64_t DoDrainedByUs() = 0;
+  virtual WaitResult DoWait(Wakeup &wakeup, uint64_t deadline_us, bool watch_input) = 0;
   virtual void DoPurge() = 0;
 
   uint32_t baud_ = 0;

@@ -1,9 +1,9 @@
-// WriteToCom lays a frame in abTxFrame and sets nTxRequest; the worker's next pass sends it.
+// WriteToCom finds the port by its handle and hands the frame over; the worker sends it.
 #include "port/frame_handover.h"
 
-#include <cstring>
-
-#include "core/tables.h"
+#include "link/transaction.h"
+#include "tables/port_wake.h"
+#include "tables/tables.h"
 
 namespace velmora {
 
@@ -17,14 +17,12 @@ int FindComPort(HANDLE hComPort) {
 
 extern "C" unsigned int WriteToCom(HANDLE hComPort, unsigned char *pFrame, unsigned int nLength) noexcept {
   using namespace velmora;
-  // -1 would match the first closed row; a frame over the buffer would run past it.
-  if (hComPort == NoHandle() || nLength > kMaxFrame || (!pFrame && nLength)) return kNone;
+  // -1 would match the first closed row.
+  if (hComPort == NoHandle()) return kNone;
   const int row = FindComPort(hComPort);
   if (row < 0) return kNone;
-  tagCOMPORTINFO &port = ComPortTable[row];
-  if (port.nTxRequest.load() != 0) return 0;
-  if (nLength) std::memcpy(port.abTxFrame, pFrame, nLength);
-  port.nTxFrameLen = nLength;
-  port.nTxRequest = 1;
-  return 1;
+  const unsigned int taken = HandOverFrame(&ComPortTable[row], pFrame, nLength);
+  // A frame handed in from outside the worker's own thread must wake it.
+  if (taken == 1) WakePort(static_cast<unsigned int>(row));
+  return taken;
 }

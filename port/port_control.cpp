@@ -3,12 +3,13 @@
 // again with a bounded wait for the worker.
 #include "port/port_control.h"
 
-#include "core/tables.h"
 #include "platform/clock.h"
 #include "platform/port_names.h"
 #include "port/frame_handover.h"
 #include "port/port_runtime.h"
 #include "port/worker.h"
+#include "tables/port_wake.h"
+#include "tables/tables.h"
 
 namespace velmora {
 namespace {
@@ -96,16 +97,6 @@ HANDLE OpenPort(unsigned int nPort, unsigned int nBaudCode, unsigned int nDataBi
   return port.hComPort.load();
 }
 
-void ToggleBaudRate(unsigned int nDriverId) {
-  if (!ValidDriver(nDriverId)) return;
-  platform::SerialLine *line = RuntimeOf(nDriverId).line.get();
-  if (!line || line->Baud() != 1200) return;
-  line->SetBaud(9600);
-  platform::SleepMs(100);
-  line->SetBaud(1200);
-  platform::SleepMs(100);
-}
-
 void StopAllPorts() {
   for (tagCOMPORTINFO &port : ComPortTable) {
     HANDLE handle = port.hComPort.load();
@@ -140,6 +131,7 @@ unsigned int CloseComPort(HANDLE hComPort) noexcept {
   PortRuntime &runtime = RuntimeOf(static_cast<unsigned int>(row));
   if (port.bThreadRun.load() != 0) {
     port.bThreadRun = 0;
+    WakePort(static_cast<unsigned int>(row));
     if (WaitFor(port.bThreadDone, kWorkerStopBoundMs)) {
       if (runtime.thread) runtime.thread->Join();
       port.bThreadDone = 0;
@@ -164,6 +156,8 @@ unsigned int ComSetBaudRate(tagCOMPORTINFO *pPort) noexcept {
     const unsigned int rate = BaudRateOf(code);
     if (line->Baud() != rate) line->SetBaud(rate);
   }
+  if (pPort >= &ComPortTable[0] && pPort < &ComPortTable[kPortCount])
+    WakePort(static_cast<unsigned int>(pPort - &ComPortTable[0]));
   return 1;
 }
 

@@ -11,9 +11,6 @@ namespace velmora {
 HANDLE OpenPort(unsigned int nPort, unsigned int nBaudCode, unsigned int nDataBits, unsigned int nParity,
                 unsigned int nStopBits, HWND hHistoryWnd, unsigned int nHistoryMsg, bool start_worker);
 
-// At 1200 baud, a round to 9600 baud and back, 100 ms each; nothing at other rates.
-void ToggleBaudRate(unsigned int nDriverId);
-
 // Stops every running worker and closes every open port; for unload.
 void StopAllPorts();
 

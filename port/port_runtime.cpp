@@ -1,7 +1,7 @@
 // Per-port runtime records, one per row of the port table.
 #include "port/port_runtime.h"
 
-#include "core/tables.h"
+#include "tables/tables.h"
 
 namespace velmora {
 namespace {
@@ -11,8 +11,6 @@ PortRuntime &Runtimes(unsigned int index) {
   static PortRuntime *runtimes = new PortRuntime[kPortCount];
   return runtimes[index < kPortCount ? index : 0];
 }
-
-std::atomic<VelmoraSimResponseFn> g_sim_hook{nullptr};
 
 }  // namespace
 
@@ -24,8 +22,4 @@ PortRuntime &RuntimeOf(const tagCOMPORTINFO &port) {
 
 platform::SerialLine *LineOf(const tagCOMPORTINFO &port) { return RuntimeOf(port).line.get(); }
 
-VelmoraSimResponseFn SimResponseHook() { return g_sim_hook.load(); }
-
 }  // namespace velmora
-
-extern "C" void SetSimResponseHook(VelmoraSimResponseFn pfnHook) noexcept { velmora::g_sim_hook.store(pfnHook); }

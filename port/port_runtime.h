@@ -1,5 +1,5 @@
-// What a port needs beside its public row: the serial line, the worker thread, the receive
-// buffer and the counters of frames the receiver dropped.
+// What a port needs beside its public row: the serial line, the worker thread and what the
+// worker is in the middle of.
 #ifndef VELMORA_PORT_PORT_RUNTIME_H
 #define VELMORA_PORT_PORT_RUNTIME_H
 
@@ -13,10 +13,17 @@
 
 namespace velmora {
 
-struct LinkCounters {
-  std::atomic<uint32_t> frames_discarded{0};  // noise, bad delimiter, impossible byte count
-  std::atomic<uint32_t> frames_cut_off{0};    // given up by the gap rule
-  std::atomic<uint32_t> frames_bad_checksum{0};
+// The worker either listens (reads, and gives the state machine its events) or is in one step
+// of a sequence timed by deadlines, during which the state machine gets no event.
+enum class WorkerStep : uint8_t {
+  kListen,
+  kLeadIn,      // RTS is up; the frame is written when the lead-in is over
+  kFrameWait,   // the frame is written; its bytes are on their way out
+  kDrain,       // waiting for the output to drain, within a bound
+  kTail,        // drained; RTS drops when the tail is over
+  kSimPause,    // a simulated response stands in for the line
+  kToggleHigh,  // the rate round after silence: at 9600 baud
+  kToggleBack,  // back at 1200 baud; the time-out goes to the state machine after this
 };
 
 struct PortRuntime {
@@ -24,18 +31,18 @@ struct PortRuntime {
   std::unique_ptr<platform::Thread> thread;
   std::atomic<bool> started{false};  // the worker has passed its start-up
   unsigned char rx_buffer[256] = {};
-  LinkCounters counters;
-  // Requests from application threads that the worker carries out on its own element.
-  std::atomic<bool> mark_active_cleared{false};
-  std::atomic<bool> drop_active{false};
+  WorkerStep step = WorkerStep::kListen;
+  uint64_t step_due_us = 0;     // when the step is over, on the platform clock
+  uint64_t drain_bound_us = 0;  // the longest the drain may take
+  // Bytes read with the echo that came in after RTS was due to drop: the start of an answer
+  // to a worker that woke late. They go to the parser first.
+  unsigned char held[256] = {};
+  unsigned int held_count = 0;
 };
 
 PortRuntime &RuntimeOf(unsigned int nDriverId);
 PortRuntime &RuntimeOf(const tagCOMPORTINFO &port);
 platform::SerialLine *LineOf(const tagCOMPORTINFO &port);
-
-// The installed simulated-response hook, or null.
-VelmoraSimResponseFn SimResponseHook();
 
 }  // namespace velmora
 

@@ -1,22 +1,33 @@
-// The port's worker: a polling loop that either transmits or reads. It drives RTS and DTR by
-// hand around each frame: RTS up, a lead-in, the write, a wait worked out from the frame's
-// length, the drained output (bounded), a tail, RTS down; then the echo is read and dropped.
+// The port's worker. It sleeps until bytes arrive, an application wakes it, or the next
+// deadline comes: the state machine's time-out, the gap rule inside a frame, or the next step of
+// a transmission. A transmission drives RTS and DTR by hand around the frame: RTS up, a lead-in,
+// the write, a wait worked out from the frame's length, the drained output (bounded), a tail, RTS
+// down; then the echo is read and dropped. No step sleeps: each one arms the deadline of the next.
 #include "port/worker.h"
 
+#include <algorithm>
 #include <cstring>
 
-#include "core/tables.h"
 #include "diag/history_store.h"
 #include "link/frame_parser.h"
+#include "link/link_counters.h"
 #include "link/mac.h"
 #include "platform/clock.h"
-#include "port/port_control.h"
 #include "port/port_runtime.h"
+#include "queues/queue_guard.h"
+#include "queues/worker_orders.h"
+#include "tables/port_wake.h"
+#include "tables/tables.h"
 
 namespace velmora {
 namespace {
 
+constexpr uint64_t kUsPerMs = 1000;
+constexpr unsigned int kToggleStepMs = 100;
+constexpr unsigned int kSimPauseMs = 20;
+
 unsigned int BaudOf(unsigned int code) { return code == 1 ? 9600u : code == 2 ? 19200u : 1200u; }
+unsigned int DriverOf(const tagCOMPORTINFO &port) { return static_cast<unsigned int>(&port - &ComPortTable[0]); }
 
 // Bound on the wait for the output to drain: twice the frame's time on the line plus 100 ms.
 unsigned int DrainBoundMs(unsigned int code, unsigned int bytes) {
@@ -24,9 +35,80 @@ unsigned int DrainBoundMs(unsigned int code, unsigned int bytes) {
   return 2 * frame_ms + 100;
 }
 
-void TransmitPhase(tagCOMPORTINFO *port) {
-  platform::SerialLine *line = LineOf(*port);
-  const unsigned int code = port->nBaudCode.load();
+// The moment a millisecond end is past, in the sense of the time-out test: the clock must stand
+// strictly beyond it, and an end the clock has passed (wrap included) is due at once.
+uint64_t DueAfter(uint32_t end_ms, uint64_t now_us) {
+  const auto now_ms = static_cast<uint32_t>(now_us / kUsPerMs);
+  if (end_ms < now_ms) return now_us;
+  return (now_us / kUsPerMs + (end_ms - now_ms) + 1) * kUsPerMs;
+}
+
+void SetStep(PortRuntime &runtime, WorkerStep step, uint64_t due_us) {
+  runtime.step = step;
+  runtime.step_due_us = due_us;
+}
+
+// Reads what the input holds, at most 256 bytes; resets nFailedCycles when bytes wait. Bytes held
+// back from the echo come first.
+int ReadFromCom(tagCOMPORTINFO *port, unsigned char *buffer) {
+  PortRuntime &runtime = RuntimeOf(*port);
+  if (runtime.held_count != 0) {
+    const unsigned int count = runtime.held_count;
+    std::memcpy(buffer, runtime.held, count);
+    runtime.held_count = 0;
+    return static_cast<int>(count);
+  }
+  if (port->nSimResponseLen != 0) {
+    const unsigned int length = port->nSimResponseLen;
+    std::memcpy(buffer, port->abSimResponse, length);
+    port->nSimResponseLen = 0;
+    port->nFailedCycles = 0;
+    return static_cast<int>(length);
+  }
+  platform::SerialLine *line = runtime.line.get();
+  if (!line) return 0;
+  const uint32_t waiting = std::min<uint32_t>(line->BytesWaiting(), sizeof runtime.rx_buffer);
+  if (waiting == 0) return 0;
+  port->nFailedCycles = 0;
+  const int32_t got = line->Read(buffer, waiting);
+  return got > 0 ? got : 0;
+}
+
+// Drops the frame's own echo and whatever else came in while RTS was up. A worker that wakes
+// late_us after RTS should have dropped keeps the bytes that can have arrived since then: they
+// are the start of the answer, not echo.
+void DropEcho(tagCOMPORTINFO *port, PortRuntime &runtime, uint64_t late_us) {
+  platform::SerialLine *line = runtime.line.get();
+  if (!line) return;
+  uint32_t waiting = line->BytesWaiting();
+  if (waiting == 0) return;
+  port->nFailedCycles = 0;
+  const uint64_t char_us = 11u * 1000000u / (line->Baud() ? line->Baud() : 1200u);
+  const auto keep = static_cast<uint32_t>(std::min<uint64_t>({late_us / char_us, waiting, sizeof runtime.held}));
+  for (uint32_t drop = waiting - keep; drop > 0;) {
+    const int32_t got = line->Read(runtime.rx_buffer, std::min<uint32_t>(drop, sizeof runtime.rx_buffer));
+    if (got <= 0) return;
+    drop -= static_cast<uint32_t>(got);
+  }
+  if (keep == 0) return;
+  const int32_t got = line->Read(runtime.held, keep);
+  runtime.held_count = got > 0 ? static_cast<unsigned int>(got) : 0;
+}
+
+void EndTransmit(tagCOMPORTINFO *port, PortRuntime &runtime, uint64_t now_us) {
+  if (platform::SerialLine *line = runtime.line.get()) {
+    line->SetRts(false);
+    line->SetDtr(true);
+  }
+  DropEcho(port, runtime, now_us - runtime.step_due_us);
+  port->nTxRequest = 2;
+  OnTransmitEnd(port);
+  ArmIdleTimeOut(port);
+  SetStep(runtime, WorkerStep::kListen, 0);
+}
+
+void BeginTransmit(tagCOMPORTINFO *port, PortRuntime &runtime, uint64_t now_us) {
+  platform::SerialLine *line = runtime.line.get();
   if (HistoryOn(*port)) {
     StartHistory();
     port->tTraceBase = platform::NowMs();
@@ -38,7 +120,7 @@ void TransmitPhase(tagCOMPORTINFO *port) {
     port->nTxRequest = 2;
     OnTransmitEnd(port);
     ArmIdleTimeOut(port);
-    platform::SleepMs(20);
+    SetStep(runtime, WorkerStep::kSimPause, now_us + kSimPauseMs * kUsPerMs);
     return;
   }
   if (line) {
@@ -46,27 +128,83 @@ void TransmitPhase(tagCOMPORTINFO *port) {
     line->SetDtr(false);
   }
   port->tTxStart = platform::NowMs();
-  platform::SleepMs(LeadInMs(code));
-  // The write returns before the bytes have left, so the whole frame is still to go.
-  if (line) line->Write(port->abTxFrame, port->nTxFrameLen);
-  platform::SleepMs(FrameWaitMs(code, port->nTxFrameLen));
-  if (line) line->WaitDrained(DrainBoundMs(code, port->nTxFrameLen));
-  platform::SleepMs(TailMs(code, port->nExtraRtsDelay.load()));
-  if (line) {
-    line->SetRts(false);
-    line->SetDtr(true);
-  }
-  // The frame's own echo and whatever came in meanwhile never reach the parser.
-  ReadFromCom(port, RuntimeOf(*port).rx_buffer);
-  port->nTxRequest = 2;
-  OnTransmitEnd(port);
-  ArmIdleTimeOut(port);
+  SetStep(runtime, WorkerStep::kLeadIn, now_us + LeadInMs(port->nBaudCode.load()) * kUsPerMs);
 }
 
-void ReadPhase(tagCOMPORTINFO *port) {
+// The drained output ends the drain; so does its bound. Until then, look again when the line
+// says the output will have drained, in whole milliseconds.
+void CheckDrained(PortRuntime &runtime, unsigned int code, unsigned int extra_rts_delay, uint64_t now_us) {
+  const uint64_t drained_by = runtime.line ? runtime.line->DrainedByUs() : now_us;
+  if (drained_by <= now_us || now_us >= runtime.drain_bound_us) {
+    SetStep(runtime, WorkerStep::kTail, now_us + TailMs(code, extra_rts_delay) * kUsPerMs);
+    return;
+  }
+  const uint64_t again = now_us + (drained_by - now_us + kUsPerMs - 1) / kUsPerMs * kUsPerMs;
+  SetStep(runtime, WorkerStep::kDrain, std::min(again, runtime.drain_bound_us));
+}
+
+// The time-out's event, after the rate round if there was one.
+void DeliverTimeOut(tagCOMPORTINFO *port) {
+  MacEvent(port, evTimeOut);
+  if (port->nTxRequest.load() == 2) port->nTxRequest = 0;
+}
+
+// Steps a timed sequence whose deadline has come.
+void AdvanceStep(tagCOMPORTINFO *port, PortRuntime &runtime, uint64_t now_us) {
+  const unsigned int code = port->nBaudCode.load();
+  platform::SerialLine *line = runtime.line.get();
+  switch (runtime.step) {
+    case WorkerStep::kLeadIn:
+      // The write returns before the bytes have left, so the whole frame is still to go.
+      if (line) line->Write(port->abTxFrame, port->nTxFrameLen);
+      runtime.drain_bound_us = UINT64_MAX;
+      SetStep(runtime, WorkerStep::kFrameWait, now_us + FrameWaitMs(code, port->nTxFrameLen) * kUsPerMs);
+      return;
+    case WorkerStep::kFrameWait:
+      runtime.drain_bound_us = now_us + DrainBoundMs(code, port->nTxFrameLen) * kUsPerMs;
+      CheckDrained(runtime, code, port->nExtraRtsDelay.load(), now_us);
+      return;
+    case WorkerStep::kDrain:
+      CheckDrained(runtime, code, port->nExtraRtsDelay.load(), now_us);
+      return;
+    case WorkerStep::kTail:
+      EndTransmit(port, runtime, now_us);
+      return;
+    case WorkerStep::kSimPause:
+      SetStep(runtime, WorkerStep::kListen, 0);
+      return;
+    case WorkerStep::kToggleHigh:
+      if (line) line->SetBaud(1200);
+      SetStep(runtime, WorkerStep::kToggleBack, now_us + kToggleStepMs * kUsPerMs);
+      return;
+    case WorkerStep::kToggleBack:
+      SetStep(runtime, WorkerStep::kListen, 0);
+      DeliverTimeOut(port);
+      return;
+    case WorkerStep::kListen:
+      return;
+  }
+}
+
+// After silence to the end of its retries twice in a row, at 1200 baud, the line goes to 9600
+// baud and back, 100 ms each, before the time-out reaches the state machine. True if it started.
+bool StartRateRound(tagCOMPORTINFO *port, PortRuntime &runtime, uint64_t now_us) {
+  if (port->nTxRequest.load() != 2) return false;
+  const unsigned int retries = port->nRetries.load();
+  if (port->nRetryCount == retries) ++port->nFailedCycles;
+  if (retries == 0 || port->nFailedCycles != 2) return false;
+  port->nFailedCycles = 0;
+  platform::SerialLine *line = runtime.line.get();
+  if (!line || line->Baud() != 1200) return false;
+  line->SetBaud(9600);
+  SetStep(runtime, WorkerStep::kToggleHigh, now_us + kToggleStepMs * kUsPerMs);
+  return true;
+}
+
+void ReadPhase(tagCOMPORTINFO *port, PortRuntime &runtime, uint64_t now_us) {
   typRxFrameStruct &rx = *port->pRxFrame;
   typTimerControlStruct &timer = *port->pTimer;
-  unsigned char *buffer = RuntimeOf(*port).rx_buffer;
+  unsigned char *buffer = runtime.rx_buffer;
   int count = ReadFromCom(port, buffer);
   // A chunk that opens with 0 while hunting is line noise from the modem's carrier.
   if (rx.nRxState == 1 && count > 0 && buffer[0] == 0) count = 0;
@@ -89,7 +227,7 @@ void ReadPhase(tagCOMPORTINFO *port) {
   if (rx.nRxState > 1) {
     // The gap rule: silence inside a frame gives it up; no event goes to the state machine.
     if (timer.tLastRx + timer.nCharTimeOutMs < platform::NowMs()) {
-      if (rx.nRxState != 4) RuntimeOf(*port).counters.frames_cut_off.fetch_add(1, std::memory_order_relaxed);
+      if (rx.nRxState != 4) CountersOf(*port).frames_cut_off.fetch_add(1, std::memory_order_relaxed);
       rx.nRxState = 0;
     }
     return;
@@ -98,16 +236,7 @@ void ReadPhase(tagCOMPORTINFO *port) {
     MacEvent(port, evNothing);
     return;
   }
-  if (port->nTxRequest.load() == 2) {
-    const unsigned int retries = port->nRetries.load();
-    if (port->nRetryCount == retries) ++port->nFailedCycles;
-    if (retries != 0 && port->nFailedCycles == 2) {
-      port->nFailedCycles = 0;
-      ToggleBaudRate(port->nDriverId);
-    }
-  }
-  MacEvent(port, evTimeOut);
-  if (port->nTxRequest.load() == 2) port->nTxRequest = 0;
+  if (!StartRateRound(port, runtime, now_us)) DeliverTimeOut(port);
 }
 
 // The history record is complete when the state machine has made one of these moves.
@@ -115,8 +244,54 @@ bool ClosesRecord(unsigned int from, unsigned int to) {
   if (from == to) return false;
   return (to == macHoldOff && from != macOwnTurnGap) || to == macOwnTurnGap ||
          (to == macWaitQuiet && from == macPeerReplyRunning) ||
-         (to == macTurnReplyWait && from == macPeerReplyRunning) ||
-         (to == macLineFree && from == macPeerRequestHeard);
+         (to == macTurnReplyWait && from == macPeerReplyRunning) || (to == macLineFree && from == macPeerRequestHeard);
+}
+
+void CloseRecordIfDone(tagCOMPORTINFO *port, unsigned int state_before) {
+  if (ClosesRecord(state_before, port->nMacState.load()) && HistoryOn(*port)) {
+    IncrementHistory();
+    PostMessageA(port->hHistoryWnd.load(), port->nHistoryMsg.load(), 0, 0);
+  }
+}
+
+// Orders from application threads about the element in service, carried out here so that only
+// this thread ever touches it.
+void CarryOutOrders(tagCOMPORTINFO *port) {
+  WorkerOrders &orders = OrdersOf(DriverOf(*port));
+  if (orders.drop_active.exchange(false) && port->pActiveElement) {
+    fncDestroyQueueElement(port->pActiveElement);
+    port->pActiveElement = nullptr;
+    port->bRequestPending = 0;
+  }
+  if (orders.mark_active_cleared.exchange(false) && port->pActiveElement)
+    port->pActiveElement->nClearMark = kBurstService;
+}
+
+// When the next wake is due without anything else happening, and whether bytes on the line
+// should wake the worker (not during a timed step, which reads nothing).
+uint64_t NextDeadlineUs(tagCOMPORTINFO *port, const PortRuntime &runtime, uint64_t now_us, bool *watch_input) {
+  *watch_input = runtime.step == WorkerStep::kListen;
+  if (runtime.step != WorkerStep::kListen) return runtime.step_due_us;
+  const unsigned int request = port->nTxRequest.load();
+  if (request == 1 || runtime.held_count != 0) return now_us;
+  if (request != 0 && request != 2) return platform::kNoDeadline;  // neither phase runs
+  const typRxFrameStruct &rx = *port->pRxFrame;
+  const typTimerControlStruct &timer = *port->pTimer;
+  uint64_t due = platform::kNoDeadline;
+  if (rx.nRxState > 1)
+    due = DueAfter(timer.tLastRx + timer.nCharTimeOutMs, now_us);
+  else if (timer.tStart != 0)
+    due = DueAfter(timer.tStart + timer.nTimeOutMs, now_us);
+  // On the free line an idle wake sends the request in hand at once. Work that an idle wake
+  // takes on but could not (a locked queue, no memory for the element, a parked result) is
+  // tried again at the pace of the old polling loop.
+  const unsigned int state = port->nMacState.load();
+  if (state == macInit || (state == macLineFree && port->bRequestPending == 1)) return now_us;
+  const uint64_t again = now_us + PassSleepMs(port->nBaudCode.load()) * kUsPerMs;
+  if ((state == macLineFree || state == macOwnTurnGap) && QueueHoldsWork(&ReceivePendingQueue))
+    due = std::min(due, again);
+  if (state == macLineFree && QueueHoldsWork(port->pTransmitQueue)) due = std::min(due, again);
+  return due;
 }
 
 }  // namespace
@@ -126,9 +301,12 @@ unsigned int LeadInMs(unsigned int baud_code) { return baud_code == 0 ? 2 : 1; }
 unsigned int FrameWaitMs(unsigned int baud_code, unsigned int pending_bytes) {
   const double n = pending_bytes;
   double wait;
-  if (baud_code == 1) wait = pending_bytes ? (n - 1) * 1.15 : 0;
-  else if (baud_code == 2) wait = pending_bytes ? (n - 1) * 0.58 + 0.5 : 1;
-  else wait = pending_bytes ? (n - 1) * 9.2 + 1.0 : 1;
+  if (baud_code == 1)
+    wait = pending_bytes ? (n - 1) * 1.15 : 0;
+  else if (baud_code == 2)
+    wait = pending_bytes ? (n - 1) * 0.58 + 0.5 : 1;
+  else
+    wait = pending_bytes ? (n - 1) * 9.2 + 1.0 : 1;
   return static_cast<unsigned int>(wait);
 }
 
@@ -140,46 +318,46 @@ unsigned int TailMs(unsigned int baud_code, unsigned int extra_rts_delay) {
 
 unsigned int PassSleepMs(unsigned int baud_code) { return baud_code == 0 ? 5 : 1; }
 
-int ReadFromCom(tagCOMPORTINFO *pPort, unsigned char *pBuffer) {
-  if (pPort->nSimResponseLen != 0) {
-    const unsigned int length = pPort->nSimResponseLen;
-    std::memcpy(pBuffer, pPort->abSimResponse, length);
-    pPort->nSimResponseLen = 0;
-    pPort->nFailedCycles = 0;
-    return static_cast<int>(length);
+void ServiceWake(tagCOMPORTINFO *pPort) {
+  PortRuntime &runtime = RuntimeOf(*pPort);
+  WakeupOf(DriverOf(*pPort)).Take();
+  CarryOutOrders(pPort);
+  const uint64_t now_us = platform::NowMicros();
+  pPort->pTimer->tNow = static_cast<uint32_t>(now_us / kUsPerMs);
+  const unsigned int state_before = pPort->nMacState.load();
+  if (runtime.step != WorkerStep::kListen) {
+    if (now_us >= runtime.step_due_us) AdvanceStep(pPort, runtime, now_us);
+  } else if (pPort->nTxRequest.load() == 1) {
+    BeginTransmit(pPort, runtime, now_us);
+  } else if (pPort->nTxRequest.load() == 0 || pPort->nTxRequest.load() == 2) {
+    ReadPhase(pPort, runtime, now_us);
   }
-  platform::SerialLine *line = LineOf(*pPort);
-  if (!line) return 0;
-  uint32_t waiting = line->BytesWaiting();
-  if (waiting > 256) waiting = 256;
-  if (waiting == 0) return 0;
-  pPort->nFailedCycles = 0;
-  const int32_t got = line->Read(pBuffer, waiting);
-  return got > 0 ? got : 0;
+  CloseRecordIfDone(pPort, state_before);
+  // A frame handed over goes out now, not at the next wake.
+  if (runtime.step == WorkerStep::kListen && pPort->nTxRequest.load() == 1)
+    BeginTransmit(pPort, runtime, platform::NowMicros());
+}
+
+void WaitForWork(tagCOMPORTINFO *pPort, uint32_t max_wait_ms) {
+  const PortRuntime &runtime = RuntimeOf(*pPort);
+  const uint64_t now_us = platform::NowMicros();
+  bool watch_input = false;
+  uint64_t deadline = NextDeadlineUs(pPort, runtime, now_us, &watch_input);
+  if (max_wait_ms != UINT32_MAX) deadline = std::min(deadline, now_us + max_wait_ms * kUsPerMs);
+  if (deadline <= now_us) return;
+  platform::Wakeup &wakeup = WakeupOf(DriverOf(*pPort));
+  if (platform::SerialLine *line = runtime.line.get()) {
+    line->Wait(wakeup, deadline, watch_input);
+  } else if (platform::InstalledVirtualClock()) {
+    platform::SleepMs(1);
+  } else {
+    wakeup.Sleep(deadline);
+  }
 }
 
 void RunWorkerPass(tagCOMPORTINFO *pPort) {
-  PortRuntime &runtime = RuntimeOf(*pPort);
-  // Requests from application threads about the element in service, carried out here so that
-  // only this thread ever touches it.
-  if (runtime.drop_active.exchange(false) && pPort->pActiveElement) {
-    fncDestroyQueueElement(pPort->pActiveElement);
-    pPort->pActiveElement = nullptr;
-    pPort->bRequestPending = 0;
-  }
-  if (runtime.mark_active_cleared.exchange(false) && pPort->pActiveElement)
-    pPort->pActiveElement->nClearMark = kBurstService;
-
-  pPort->pTimer->tNow = platform::NowMs();
-  const unsigned int state_before = pPort->nMacState.load();
-  const unsigned int request = pPort->nTxRequest.load();
-  if (request == 1) TransmitPhase(pPort);
-  else if (request == 0 || request == 2) ReadPhase(pPort);
-  if (ClosesRecord(state_before, pPort->nMacState.load()) && HistoryOn(*pPort)) {
-    IncrementHistory();
-    PostMessageA(pPort->hHistoryWnd.load(), pPort->nHistoryMsg.load(), 0, 0);
-  }
-  platform::SleepMs(PassSleepMs(pPort->nBaudCode.load()));
+  ServiceWake(pPort);
+  WaitForWork(pPort, PassSleepMs(pPort->nBaudCode.load()));
 }
 
 void ComPortThread(void *pPort) {
@@ -187,7 +365,11 @@ void ComPortThread(void *pPort) {
   PortRuntime &runtime = RuntimeOf(*port);
   runtime.started.store(true);
   runtime.started.notify_all();
-  while (port->bThreadRun.load() != 0) RunWorkerPass(port);
+  while (port->bThreadRun.load() != 0) {
+    ServiceWake(port);
+    if (port->bThreadRun.load() == 0) break;
+    WaitForWork(port);
+  }
   port->bThreadDone = 1;
   port->bThreadDone.notify_all();
 }

@@ -7,8 +7,8 @@
 #include <atomic>
 #include <cstdio>
 
-#include "core/tables.h"
 #include "queues/queue_guard.h"
+#include "tables/tables.h"
 
 namespace velmora {
 namespace {

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/tables.h"
+#include "tables/tables.h"
 
 using namespace velmora;
 

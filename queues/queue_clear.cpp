@@ -1,10 +1,11 @@
 // Clearing the queues of an application, of a port, or of burst frames. Each queue is locked in
 // turn, never two at once. The element in service belongs to the port's worker: while it runs,
 // what is to be done to that element is handed to it instead of done under its feet.
-#include "core/tables.h"
-#include "port/port_runtime.h"
 #include "queues/delivery.h"
 #include "queues/queue_guard.h"
+#include "queues/worker_orders.h"
+#include "tables/port_wake.h"
+#include "tables/tables.h"
 
 using namespace velmora;
 
@@ -43,6 +44,15 @@ bool WorkerRuns(unsigned int driver) { return ComPortTable[driver].bThreadRun.lo
 
 }  // namespace
 
+WorkerOrders &velmora::OrdersOf(unsigned int nDriverId) {
+  static WorkerOrders orders[kPortCount];
+  return orders[nDriverId < kPortCount ? nDriverId : 0];
+}
+
+namespace {
+
+}  // namespace
+
 extern "C" {
 
 unsigned int fncClearAllQueues(void) noexcept {
@@ -52,7 +62,8 @@ unsigned int fncClearAllQueues(void) noexcept {
     UnlockQueue(&TransmitQueues[driver]);
     tagCOMPORTINFO &port = ComPortTable[driver];
     if (WorkerRuns(driver)) {
-      RuntimeOf(driver).drop_active = true;
+      OrdersOf(driver).drop_active = true;
+      WakePort(driver);
     } else if (port.pActiveElement) {
       fncDestroyQueueElement(port.pActiveElement);
       port.pActiveElement = nullptr;
@@ -105,7 +116,7 @@ unsigned int fncClearQueuesOfCom(unsigned int nDriverId) noexcept {
   LockQueue(&transmit);
   fncDeleteQueue(&transmit);
   tagCOMPORTINFO &port = ComPortTable[nDriverId];
-  if (WorkerRuns(nDriverId)) RuntimeOf(nDriverId).mark_active_cleared = true;
+  if (WorkerRuns(nDriverId)) OrdersOf(nDriverId).mark_active_cleared = true;
   else if (port.pActiveElement) port.pActiveElement->nClearMark = kBurstService;
   UnlockQueue(&transmit);
   LockPendingQueue();

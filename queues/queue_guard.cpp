@@ -1,7 +1,8 @@
 // Queue guards, one per table queue, found by the queue's address.
 #include "queues/queue_guard.h"
 
-#include "core/tables.h"
+#include "tables/port_wake.h"
+#include "tables/tables.h"
 
 namespace velmora {
 namespace {
@@ -62,6 +63,9 @@ void UnlockQueue(typQueue *queue) {
   if (!queue) return;
   queue->bLocked = 0;
   if (QueueGuard *guard = GuardOf(queue)) guard->Release();
+  // The port's worker may have a request to fetch now, or one it failed to fetch while locked.
+  if (queue >= &TransmitQueues[0] && queue < &TransmitQueues[kPortCount])
+    WakePort(static_cast<unsigned int>(queue - &TransmitQueues[0]));
 }
 
 bool TryTakeQueue(typQueue *queue) {
@@ -78,6 +82,13 @@ bool TryTakeQueue(typQueue *queue) {
 
 void GiveQueue(typQueue *queue) {
   if (QueueGuard *guard = GuardOf(queue)) guard->Release();
+}
+
+bool QueueHoldsWork(typQueue *queue) {
+  if (!TryTakeQueue(queue)) return true;
+  const bool holds = queue->nCount != 0;
+  GiveQueue(queue);
+  return holds;
 }
 
 }  // namespace velmora

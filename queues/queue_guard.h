@@ -37,6 +37,8 @@ void UnlockQueue(typQueue *queue);
 // Worker side: true if the queue was free and is now held; false if locked either way.
 [[nodiscard]] bool TryTakeQueue(typQueue *queue);
 void GiveQueue(typQueue *queue);
+// Worker side: true if the queue holds elements, or is locked so that it can't be looked at.
+bool QueueHoldsWork(typQueue *queue);
 
 }  // namespace velmora
 

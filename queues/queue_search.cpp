@@ -1,6 +1,6 @@
 // Searches of the table queues by service and by application. They take no lock: a caller that
 // needs the queue kept still locks it first, as HART_ReceiveRequest does.
-#include "core/tables.h"
+#include "tables/tables.h"
 
 using namespace velmora;
 

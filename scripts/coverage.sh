@@ -11,7 +11,7 @@ find "$build" -name '*.gcda' -delete
 # A failing test still leaves its coverage; report it and go on.
 ctest --test-dir "$build" -j2 "$@" >"$build/ctest.log" 2>&1 || echo "coverage: some tests failed (see $build/ctest.log)"
 tail -n 3 "$build/ctest.log"
-library='(core|link|queues|port|diag|codec|platform)/'
+library='(api|port|link|queues|diag|tables|codec|platform)/'
 gcovr --root . --object-directory "$build" --filter "$library" \
   --exclude-throw-branches --exclude-unreachable-branches \
   --json-summary "$build/coverage.json" >/dev/null

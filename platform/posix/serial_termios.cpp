@@ -4,11 +4,13 @@
 // are never verified by reading them back, because a pseudo-terminal reads odd parity back as
 // none.
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <new>
 
@@ -69,6 +71,7 @@ class TermiosLine final : public SerialLine {
   }
   int32_t DoRead(uint8_t *buffer, uint32_t max) override {
     ssize_t got = read(fd_, buffer, max);
+    if (got > 0) hung_up_ = false;
     if (got >= 0) return static_cast<int32_t>(got);
     if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return 0;
     Fail();
@@ -92,20 +95,39 @@ class TermiosLine final : public SerialLine {
     }
     return static_cast<int32_t>(done);
   }
-  bool DoWaitDrained(uint32_t bound_ms) override {
-    // tcdrain() has no bound, so poll the output queue instead.
-    uint32_t start = NowMs();
-    for (;;) {
-      int queued = 0;
-      if (ioctl(fd_, TIOCOUTQ, &queued) != 0) return Fail();
-      if (queued <= 0) return true;
-      if (ElapsedMs(NowMs(), start) >= bound_ms) return false;
-      SleepMs(1);
+  uint64_t DoDrainedByUs() override {
+    const uint64_t now = NowMicros();
+    int queued = 0;
+    if (ioctl(fd_, TIOCOUTQ, &queued) != 0 || queued <= 0) return now;
+    const uint32_t baud = Baud() ? Baud() : 1200;
+    return now + static_cast<uint64_t>(queued) * 11u * 1000000u / baud;
+  }
+  WaitResult DoWait(Wakeup &wakeup, uint64_t deadline_us, bool watch_input) override {
+    // A negative descriptor is left out: poll() reports a hang-up even when asked for nothing.
+    pollfd fds[2] = {{watch_input && !hung_up_ ? fd_ : -1, POLLIN, 0}, {wakeup.Fd(), POLLIN, 0}};
+    uint64_t wait_us = deadline_us;
+    const uint64_t now = NowMicros();
+    if (deadline_us != kNoDeadline) wait_us = deadline_us > now ? deadline_us - now : 0;
+    // Without a wake descriptor, or on a line whose far end has hung up (which polls ready for
+    // ever), look again every few milliseconds instead.
+    if (wakeup.Fd() < 0 || (watch_input && hung_up_)) wait_us = std::min<uint64_t>(wait_us, kFallbackPollUs);
+    timespec timeout{static_cast<time_t>(wait_us / 1000000u), static_cast<long>(wait_us % 1000000u * 1000u)};
+    const int ready = ppoll(fds, 2, wait_us == kNoDeadline ? nullptr : &timeout, nullptr);
+    if (ready <= 0) return ready == 0 ? WaitResult::kDeadline : WaitResult::kWoken;
+    if (fds[0].revents & (POLLHUP | POLLERR)) {
+      hung_up_ = true;
+      return WaitResult::kWoken;
     }
+    if (fds[1].revents & POLLIN) return WaitResult::kWoken;
+    return (fds[0].revents & POLLIN) ? WaitResult::kInput : WaitResult::kWoken;
   }
   void DoPurge() override { tcflush(fd_, TCIOFLUSH); }
 
+  static constexpr uint64_t kFallbackPollUs = 5000;
   int fd_;
+  // The far end hung up: poll() reports it at once for ever, so the line is not watched. A read
+  // that brings bytes shows the far end back.
+  bool hung_up_ = false;
 };
 
 }  // namespace

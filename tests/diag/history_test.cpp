@@ -9,9 +9,9 @@
 #include <tuple>
 #include <vector>
 
-#include "core/tables.h"
 #include "diag/history_store.h"
 #include "platform/clock.h"
+#include "tables/tables.h"
 
 namespace velmora {
 namespace {

@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <string>
 
-#include "core/tables.h"
 #include "sim/sim_memory_runner.h"
+#include "tables/tables.h"
 #include "tests/support/e2e_client.h"
 #include "tests/support/link_fixture.h"
 #include "tests/support/sim_process.h"

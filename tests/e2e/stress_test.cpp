@@ -12,8 +12,8 @@
 #include <string>
 #include <thread>
 
-#include "core/tables.h"
 #include "sim/sim_memory_runner.h"
+#include "tables/tables.h"
 #include "tests/support/link_fixture.h"
 
 namespace velmora::test {

@@ -1,8 +1,8 @@
 // Fuzzes the frame receiver with arbitrary chunks on a port row that no worker runs.
 #include <cstdint>
 
-#include "core/tables.h"
 #include "link/frame_parser.h"
+#include "tables/tables.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   tagCOMPORTINFO &port = velmora::ComPortTable[20];

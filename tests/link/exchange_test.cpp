@@ -3,10 +3,10 @@
 #include <optional>
 #include <tuple>
 
-#include "core/tables.h"
 #include "diag/history_store.h"
+#include "link/link_counters.h"
 #include "link/mac.h"
-#include "port/port_runtime.h"
+#include "tables/tables.h"
 #include "tests/support/link_fixture.h"
 
 namespace velmora::test {
@@ -99,7 +99,7 @@ TEST_F(ExchangeTest, CommandZero) {
     AutoReply([](const Bytes &request) { return ShortResponse(0, 0, kCmd0Data, request[1] & 0x80); });
     ASSERT_TRUE(AwaitState(macLineFree, 400));
     line_->ClearRecord();
-    const auto discarded_before = RuntimeOf(Port()).counters.frames_discarded.load();
+    const auto discarded_before = CountersOf(Port()).frames_discarded.load();
     FarSend(row.far);
     ASSERT_TRUE(row.far.empty() || RunUntil([&] { return Rx().nBytesThisCycle != 0; }, 200));
     RunFor(row.request_ms);
@@ -131,7 +131,7 @@ TEST_F(ExchangeTest, CommandZero) {
     EXPECT_EQ(Bytes(far_in_.end() - 10, far_in_.end()), request);
     EXPECT_EQ(std::pair(Port().bPrimaryMaster.load(), Rx().bRxRolePrimary),
               std::pair(row.primary_after, row.primary_after));
-    EXPECT_EQ(RuntimeOf(Port()).counters.frames_discarded.load() - discarded_before, row.discarded);
+    EXPECT_EQ(CountersOf(Port()).frames_discarded.load() - discarded_before, row.discarded);
     std::string trace;
     WithHistory([&](typHistoryRecord *records, unsigned int open) {
       for (unsigned int i = 0; i <= open; ++i) trace += records[i].psStates ? records[i].psStates->str() : "";
@@ -180,7 +180,7 @@ TEST_F(ExchangeTest, AnswersAndSilence) {
     size_t answered = 0;
     AutoReply([&, &answers = answers](const Bytes &) { return answers.at(answered++); });
     ASSERT_TRUE(AwaitState(macLineFree, 400));
-    const auto cut_off_before = RuntimeOf(Port()).counters.frames_cut_off.load();
+    const auto cut_off_before = CountersOf(Port()).frames_cut_off.load();
     tagHARTREQUEST request{};  // the one whose frame is expected
     request.nAddressFormat = frame[5] == 0x82 ? 2 : 0;
     if (request.nAddressFormat == 2) std::copy_n(frame.begin() + 6, 5, request.abLongAddress);
@@ -197,7 +197,7 @@ TEST_F(ExchangeTest, AnswersAndSilence) {
               std::pair(hServ + 0ul, word + 0l));
     EXPECT_EQ(Notices(1167).size(), busy_notices);
     for (const MSG &m : Notices(1167)) EXPECT_EQ(std::pair(m.wParam, m.lParam), std::pair(0ul, 77l));
-    EXPECT_EQ(RuntimeOf(Port()).counters.frames_cut_off.load() - cut_off_before, cut_off);
+    EXPECT_EQ(CountersOf(Port()).frames_cut_off.load() - cut_off_before, cut_off);
     const std::optional<Reply> reply = Receive(hServ);
     ASSERT_TRUE(reply.has_value());
     // A failed request's reply: no data, response code 128, status 0.

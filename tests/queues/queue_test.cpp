@@ -7,9 +7,9 @@
 #include <functional>
 #include <thread>
 
-#include "core/tables.h"
 #include "queues/delivery.h"
 #include "queues/queue_guard.h"
+#include "tables/tables.h"
 #include "tests/support/link_fixture.h"
 
 namespace velmora::test {

@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <numeric>
 
-#include "core/tables.h"
 #include "port/port_control.h"
 #include "port/worker.h"
+#include "tables/tables.h"
 
 namespace velmora::test {
 

@@ -1,8 +1,8 @@
 // Load and unload: the tables get their start values before any client call can reach them.
-#include "core/driver_app.h"
+#include "api/driver_app.h"
 
-#include "core/tables.h"
 #include "port/port_control.h"
+#include "tables/tables.h"
 #include "velmora.h"
 
 namespace velmora {

@@ -1,5 +1,5 @@
 // Time-out codes, their adjustment by baud rate, and the five operations on the timer record.
-#include "port/timeout.h"
+#include "link/timeout.h"
 
 #include "platform/clock.h"
 #include "velmora.h"

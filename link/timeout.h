@@ -1,6 +1,6 @@
 // The polled time-out of a port: armed with a code, tested by the worker at every idle pass.
-#ifndef VELMORA_PORT_TIMEOUT_H
-#define VELMORA_PORT_TIMEOUT_H
+#ifndef VELMORA_LINK_TIMEOUT_H
+#define VELMORA_LINK_TIMEOUT_H
 
 namespace velmora {
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <thread>
 
-#include "core/tables.h"
 #include "platform/memory_line.h"
+#include "tables/tables.h"
 #include "tests/support/link_fixture.h"
 
 namespace velmora::test {

@@ -1,7 +1,7 @@
 // The tables themselves. Zero at load; InitInstance gives them their start values.
-#include "core/tables.h"
+#include "tables/tables.h"
 
-#include "core/driver_app.h"
+#include "api/driver_app.h"
 
 namespace velmora {
 

@@ -3,10 +3,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/registration.h"
-#include "core/tables.h"
+#include "api/registration.h"
 #include "link/frame_builder.h"
 #include "queues/queue_guard.h"
+#include "tables/tables.h"
 
 using namespace velmora;
 

@@ -1,6 +1,6 @@
 // Registration of applications with ports.
-#ifndef VELMORA_CORE_REGISTRATION_H
-#define VELMORA_CORE_REGISTRATION_H
+#ifndef VELMORA_API_REGISTRATION_H
+#define VELMORA_API_REGISTRATION_H
 
 #include <mutex>
 

@@ -1,6 +1,6 @@
 // The driver's global tables: fixed, one set per process, alive from load to unload.
-#ifndef VELMORA_CORE_TABLES_H
-#define VELMORA_CORE_TABLES_H
+#ifndef VELMORA_TABLES_TABLES_H
+#define VELMORA_TABLES_TABLES_H
 
 #include "velmora.h"
 

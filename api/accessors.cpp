@@ -1,6 +1,6 @@
 // Table accessors: raw pointers and words of the rows, for clients that want them. None of them
 // looks at bInUse; a handle out of range gives null, 0 or -1 instead of reading past a table.
-#include "core/tables.h"
+#include "tables/tables.h"
 
 using namespace velmora;
 

@@ -5,8 +5,8 @@
 
 #include <tuple>
 
+#include "link/timeout.h"
 #include "platform/clock.h"
-#include "port/timeout.h"
 #include "port/worker.h"
 #include "velmora.h"
 

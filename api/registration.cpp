@@ -1,12 +1,12 @@
 // Applications register a window with a port: the first registration opens the port and starts
 // its worker, the last unregistration closes it. Rows of the application and service tables are
 // taken in one atomic step each, so two threads never get the same row.
-#include "core/registration.h"
+#include "api/registration.h"
 
-#include "core/tables.h"
 #include "link/mac.h"
 #include "port/port_control.h"
 #include "queues/queue_guard.h"
+#include "tables/tables.h"
 
 namespace velmora {
 

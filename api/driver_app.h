@@ -1,6 +1,6 @@
 // The library's application object: fills the tables at load and cleans up at unload.
-#ifndef VELMORA_CORE_DRIVER_APP_H
-#define VELMORA_CORE_DRIVER_APP_H
+#ifndef VELMORA_API_DRIVER_APP_H
+#define VELMORA_API_DRIVER_APP_H
 
 namespace velmora {
 
