@@ -3,7 +3,7 @@
 #include <cstring>
 #include <new>
 
-#include "core/tables.h"
+#include "tables/tables.h"
 #include "platform/clock.h"
 
 namespace velmora {

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/tables.h"
+#include "tables/tables.h"
 #include "diag/history_store.h"
 #include "platform/clock.h"
 
