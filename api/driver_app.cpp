@@ -47,4 +47,17 @@ int CDriverApp::ExitInstance() {
   return 1;
 }
 
+namespace {
+
+// The library's entry and exit. The tables are constant-initialised, so nothing here depends on
+// the order of other initialisers.
+__attribute__((constructor)) void LoadLibrary() { TheDriverApp().InitInstance(); }
+__attribute__((destructor)) void UnloadLibrary() { TheDriverApp().ExitInstance(); }
+
+}  // namespace
+
 }  // namespace velmora
+
+// A static link takes only the objects a client needs; the static library's users ask for this
+// symbol, so that the object with the entry and exit above is always among them.
+extern "C" void VelmoraStartUp(void) {}

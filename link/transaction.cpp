@@ -171,7 +171,8 @@ void CompleteTransaction(tagCOMPORTINFO *pPort, unsigned int bResponse) {
   if (request_len) std::memcpy(request, active->pData, request_len);
   fncSetQueueElementData(active, data, data_len);
 
-  const bool repeat = GetRepeatIfBusy(active->nAppHandle) != 0 && active->nDataLen >= 2 &&
+  const bool repeat = ValidApp(active->nAppHandle) && AppTable[active->nAppHandle].bRepeatIfBusy.load() != 0 &&
+                      active->nDataLen >= 2 &&
                       active->pData[0] == kResponseBusy && request_len != 0 &&
                       !ExemptFromRepeat(request, request_len);
   if (repeat) {

@@ -56,6 +56,9 @@ HANDLE OpenPort(unsigned int nPort, unsigned int nBaudCode, unsigned int nDataBi
   platform::OpenedLine opened = platform::OpenSerialLine(platform::PortDeviceName(nPort));
   if (!opened.line) return NoHandle();
   runtime.line = std::move(opened.line);
+  // A worker stopped in the middle of a step leaves it behind; the new line starts listening.
+  runtime.step = WorkerStep::kListen;
+  runtime.held_count = 0;
   platform::SerialLine *line = runtime.line.get();
   line->Purge();
   port.pTimer->nBaudCode = nBaudCode;

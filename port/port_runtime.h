@@ -37,6 +37,7 @@ struct PortRuntime {
   // Bytes read with the echo that came in after RTS was due to drop: the start of an answer
   // to a worker that woke late. They go to the parser first.
   unsigned char held[256] = {};
+  unsigned char echo[512] = {};  // the echo of a whole frame and the start of an answer
   unsigned int held_count = 0;
 };
 

@@ -43,6 +43,9 @@ uint64_t DueAfter(uint32_t end_ms, uint64_t now_us) {
   return (now_us / kUsPerMs + (end_ms - now_ms) + 1) * kUsPerMs;
 }
 
+// A span rounded up to whole milliseconds.
+uint64_t CeilMs(uint64_t span_us) { return (span_us + kUsPerMs - 1) / kUsPerMs * kUsPerMs; }
+
 void SetStep(PortRuntime &runtime, WorkerStep step, uint64_t due_us) {
   runtime.step = step;
   runtime.step_due_us = due_us;
@@ -74,25 +77,25 @@ int ReadFromCom(tagCOMPORTINFO *port, unsigned char *buffer) {
   return got > 0 ? got : 0;
 }
 
-// Drops the frame's own echo and whatever else came in while RTS was up. A worker that wakes
-// late_us after RTS should have dropped keeps the bytes that can have arrived since then: they
-// are the start of the answer, not echo.
+// Drops the frame's own echo and whatever else came in while RTS was up. The echo is known by
+// its bytes (an answer never repeats the request's delimiter). A worker that wakes late_us after
+// RTS should have dropped keeps the bytes that can have arrived since then: they are the start
+// of the answer.
 void DropEcho(tagCOMPORTINFO *port, PortRuntime &runtime, uint64_t late_us) {
   platform::SerialLine *line = runtime.line.get();
   if (!line) return;
-  uint32_t waiting = line->BytesWaiting();
+  const uint32_t waiting = std::min<uint32_t>(line->BytesWaiting(), sizeof runtime.echo);
   if (waiting == 0) return;
   port->nFailedCycles = 0;
+  const int32_t got = line->Read(runtime.echo, waiting);
+  if (got <= 0) return;
+  const auto count = static_cast<uint32_t>(got);
+  const uint32_t length = port->nTxFrameLen;
+  const uint32_t echo = count >= length && std::memcmp(runtime.echo, port->abTxFrame, length) == 0 ? length : 0;
   const uint64_t char_us = 11u * 1000000u / (line->Baud() ? line->Baud() : 1200u);
-  const auto keep = static_cast<uint32_t>(std::min<uint64_t>({late_us / char_us, waiting, sizeof runtime.held}));
-  for (uint32_t drop = waiting - keep; drop > 0;) {
-    const int32_t got = line->Read(runtime.rx_buffer, std::min<uint32_t>(drop, sizeof runtime.rx_buffer));
-    if (got <= 0) return;
-    drop -= static_cast<uint32_t>(got);
-  }
-  if (keep == 0) return;
-  const int32_t got = line->Read(runtime.held, keep);
-  runtime.held_count = got > 0 ? static_cast<unsigned int>(got) : 0;
+  const auto keep = static_cast<uint32_t>(std::min<uint64_t>({late_us / char_us, count - echo, sizeof runtime.held}));
+  std::memcpy(runtime.held, runtime.echo + count - keep, keep);
+  runtime.held_count = keep;
 }
 
 void EndTransmit(tagCOMPORTINFO *port, PortRuntime &runtime, uint64_t now_us) {
@@ -132,15 +135,21 @@ void BeginTransmit(tagCOMPORTINFO *port, PortRuntime &runtime, uint64_t now_us) 
 }
 
 // The drained output ends the drain; so does its bound. Until then, look again when the line
-// says the output will have drained, in whole milliseconds.
+// says the output will have drained, in whole milliseconds. The tail counts from the moment the
+// output drained as seen at those whole milliseconds, so a worker that wakes late drops RTS at
+// once and knows how late it is.
 void CheckDrained(PortRuntime &runtime, unsigned int code, unsigned int extra_rts_delay, uint64_t now_us) {
   const uint64_t drained_by = runtime.line ? runtime.line->DrainedByUs() : now_us;
-  if (drained_by <= now_us || now_us >= runtime.drain_bound_us) {
-    SetStep(runtime, WorkerStep::kTail, now_us + TailMs(code, extra_rts_delay) * kUsPerMs);
-    return;
+  const uint64_t base = std::min(runtime.step_due_us, now_us);
+  const uint64_t tail_us = TailMs(code, extra_rts_delay) * kUsPerMs;
+  if (drained_by <= now_us) {
+    const uint64_t drained_at = drained_by <= base ? base : base + CeilMs(drained_by - base);
+    SetStep(runtime, WorkerStep::kTail, drained_at + tail_us);
+  } else if (now_us >= runtime.drain_bound_us) {
+    SetStep(runtime, WorkerStep::kTail, now_us + tail_us);
+  } else {
+    SetStep(runtime, WorkerStep::kDrain, std::min(now_us + CeilMs(drained_by - now_us), runtime.drain_bound_us));
   }
-  const uint64_t again = now_us + (drained_by - now_us + kUsPerMs - 1) / kUsPerMs * kUsPerMs;
-  SetStep(runtime, WorkerStep::kDrain, std::min(again, runtime.drain_bound_us));
 }
 
 // The time-out's event, after the rate round if there was one.

@@ -7,7 +7,6 @@
 
 #include "link/timeout.h"
 #include "platform/clock.h"
-#include "port/worker.h"
 #include "velmora.h"
 
 namespace velmora {
@@ -38,12 +37,6 @@ TEST(TimeOutTest, CodeAndBaudGiveTheLength) {
     toModifyTimeOut(&t, code);
     EXPECT_EQ(std::tuple(t.nTimeOutMs, t.nCharTimeOutMs, t.tStart), std::tuple(length, chars, 0u));
   }
-}
-
-// How long the worker waits for a frame's bytes to leave, in whole milliseconds, by baud code.
-TEST(TimeOutTest, FrameWaitByBaudAndLength) {
-  const unsigned rows[][3] = {{0, 0, 1}, {1, 0, 0}, {2, 0, 1}, {0, 10, 83}, {1, 10, 10}, {2, 10, 5}};
-  for (auto [baud, bytes, ms] : rows) EXPECT_EQ(FrameWaitMs(baud, bytes), ms) << baud << ", " << bytes;
 }
 
 TEST(TimeOutTest, FiresOnceStrictlyPastItsEnd) {
