@@ -1,11 +1,12 @@
 // The worker's waits in virtual time: what wakes it and when, a worker that wakes late, the gap
 // rule on bytes that trickle in, and a close while it sleeps (with a real thread).
+#include "port/worker.h"
+
 #include <chrono>
 #include <tuple>
 
 #include "link/link_counters.h"
 #include "link/mac.h"
-#include "port/worker.h"
 #include "tables/port_wake.h"
 #include "tables/tables.h"
 #include "tests/support/e2e_client.h"
@@ -61,8 +62,8 @@ TEST_F(WorkerTest, WakesForWhatComesFirst) {
     const uint64_t at = NowUs() + row.at_ms * 1000ull;
     // Without an event the time-out ends the wait: the first millisecond strictly past its end.
     const typTimerControlStruct &timer = *Port().pTimer;
-    const uint64_t expect = row.event == kNothing ? (timer.tStart + timer.nTimeOutMs + 1) * 1000ull - NowUs()
-                                                  : row.woken_after_us;
+    const uint64_t expect =
+        row.event == kNothing ? (timer.tStart + timer.nTimeOutMs + 1) * 1000ull - NowUs() : row.woken_after_us;
     const int listener = clock_->AddTickListener([&, at](uint64_t now) {
       if (now != at) return;
       if (row.event == kRequest) Send(0);
@@ -86,7 +87,7 @@ TEST_F(WorkerTest, LateWakeTakesTheBytesBeforeTheDeadline) {
   struct Row {
     const char *what;
     unsigned int turnaround_us;
-    bool stall_in_tail;   // the worker stalls after raising RTS, before the tail ends
+    bool stall_in_tail;  // the worker stalls after raising RTS, before the tail ends
     unsigned int stall_ms;
   } rows[] = {
       {"stalled past the reply wait", 20000, false, 800},
@@ -158,8 +159,7 @@ TEST(WorkerThread, CloseWhileItSleeps) {
   for (int round = 0; round < 3; ++round) {
     Client client(5, 2);
     ASSERT_NE(client.App(), VELMORA_NONE);
-    for (int i = 0; i < 200 && ComPortTable[4].nMacState.load() != macLineFree; ++i)
-      platform::os::SleepMicros(5000);
+    for (int i = 0; i < 200 && ComPortTable[4].nMacState.load() != macLineFree; ++i) platform::os::SleepMicros(5000);
     ASSERT_EQ(ComPortTable[4].nMacState.load(), macLineFree);  // asleep without a deadline
     const auto start = std::chrono::steady_clock::now();
     client.Unregister();
