@@ -39,6 +39,9 @@ struct PortRuntime {
   unsigned char held[256] = {};
   unsigned char echo[512] = {};  // the echo of a whole frame and the start of an answer
   unsigned int held_count = 0;
+  // Inside a frame whose length is known, the bytes before its last are read in one go when
+  // they are due rather than one wake each; the last byte wakes the worker as it arrives.
+  uint64_t gather_until_us = 0;
 };
 
 PortRuntime &RuntimeOf(unsigned int nDriverId);

@@ -210,6 +210,24 @@ bool StartRateRound(tagCOMPORTINFO *port, PortRuntime &runtime, uint64_t now_us)
   return true;
 }
 
+// How many bytes of the frame under way are still to come, at least; 0 if not known.
+unsigned int BytesToCome(const typRxFrameStruct &rx) {
+  if (rx.nRxState == kRxPreambles) return 5;  // delimiter, address, command, count, checksum
+  if (rx.nRxState != kRxInFrame) return 0;
+  if (rx.nExpectedLen != 255) return rx.nExpectedLen > rx.nFrameLen ? rx.nExpectedLen - rx.nFrameLen : 0;
+  return rx.nHeaderLen > rx.nFrameLen ? rx.nHeaderLen - rx.nFrameLen + 1 : 0;
+}
+
+// With more than one byte of the frame still to come, the next wake on bytes can wait until all
+// but the last of them are due at the line's rate.
+void GatherRestOfFrame(tagCOMPORTINFO *port, PortRuntime &runtime, uint64_t now_us) {
+  const unsigned int to_come = BytesToCome(*port->pRxFrame);
+  const uint32_t baud = runtime.line ? runtime.line->Baud() : 0;
+  runtime.gather_until_us = 0;
+  if (to_come < 2 || baud == 0) return;
+  runtime.gather_until_us = now_us + (to_come - 1) * (11u * 1000000u / baud);
+}
+
 void ReadPhase(tagCOMPORTINFO *port, PortRuntime &runtime, uint64_t now_us) {
   typRxFrameStruct &rx = *port->pRxFrame;
   typTimerControlStruct &timer = *port->pTimer;
@@ -231,6 +249,7 @@ void ReadPhase(tagCOMPORTINFO *port, PortRuntime &runtime, uint64_t now_us) {
       timer.nCharTimeOutMs = n < 4 ? n * 12 + 10 : n * 12 + 30;
     }
     MacEvent(port, evBytesRead);
+    GatherRestOfFrame(port, runtime, now_us);
     return;
   }
   if (rx.nRxState > 1) {
@@ -287,9 +306,13 @@ uint64_t NextDeadlineUs(tagCOMPORTINFO *port, const PortRuntime &runtime, uint64
   const typRxFrameStruct &rx = *port->pRxFrame;
   const typTimerControlStruct &timer = *port->pTimer;
   uint64_t due = platform::kNoDeadline;
-  if (rx.nRxState > 1)
+  if (rx.nRxState > 1) {
     due = DueAfter(timer.tLastRx + timer.nCharTimeOutMs, now_us);
-  else if (timer.tStart != 0)
+    if (now_us < runtime.gather_until_us) {
+      *watch_input = false;
+      return std::min(due, runtime.gather_until_us);
+    }
+  } else if (timer.tStart != 0)
     due = DueAfter(timer.tStart + timer.nTimeOutMs, now_us);
   // On the free line an idle wake sends the request in hand at once. Work that an idle wake
   // takes on but could not (a locked queue, no memory for the element, a parked result) is
