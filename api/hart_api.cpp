@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "api/registration.h"
 #include "link/frame_builder.h"
 #include "queues/queue_guard.h"
 #include "tables/tables.h"
@@ -42,13 +41,10 @@ unsigned int HART_RegisterDriver(tagHARTREGISTRATION *pReg, unsigned int *phApp)
              : 0;
 }
 
-unsigned int HART_UnRegisterDriver(unsigned int hApp) noexcept {
-  UnRegisterApplication(hApp);
-  return 1;
-}
+unsigned int HART_UnRegisterDriver(unsigned int hApp) noexcept { return UnRegisterApplication(hApp); }
 
 unsigned int HART_SetConfiguration(unsigned int hApp, tagHARTCONFIG *pConfig) noexcept {
-  if (!ValidApp(hApp) || !pConfig) return 0;
+  if (!AppInUse(hApp) || !pConfig) return 0;
   tagCOMPORTINFO &port = PortOfApp(hApp);
   port.bPrimaryMaster = pConfig->nMasterType == 1 ? 1 : 0;
   port.nPreambles = Clamp(pConfig->nPreambles, 5, 20);
@@ -60,7 +56,7 @@ unsigned int HART_SetConfiguration(unsigned int hApp, tagHARTCONFIG *pConfig) no
 }
 
 unsigned int HART_GetConfiguration(unsigned int hApp, tagHARTCONFIG *pConfig) noexcept {
-  if (!ValidApp(hApp) || !pConfig) return 0;
+  if (!AppInUse(hApp) || !pConfig) return 0;
   const tagCOMPORTINFO &port = PortOfApp(hApp);
   pConfig->nMasterType = port.bPrimaryMaster.load() != 0 ? 1 : 2;
   pConfig->nPreambles = port.nPreambles.load();
@@ -71,8 +67,10 @@ unsigned int HART_GetConfiguration(unsigned int hApp, tagHARTCONFIG *pConfig) no
 }
 
 unsigned int HART_SendRequest(unsigned int hApp, tagHARTREQUEST *pRequest, unsigned int nAppId) noexcept {
-  if (!ValidApp(hApp) || !pRequest) return kNone;
+  if (!AppInUse(hApp) || !pRequest) return kNone;
   tagCOMPORTINFO &port = PortOfApp(hApp);
+  // A port that reads closed (closed under the application, or its line gone) serves nobody.
+  if (port.hComPort.load() == NoHandle()) return kNone;
   const unsigned int hServ = GetServiceHandle(hApp, nullptr, nullptr, nullptr);
   if (hServ == kNone) return kNone;
   tagSERVICEINFO &service = ServiceTable[hServ];
@@ -108,7 +106,7 @@ unsigned int HART_SendRequest(unsigned int hApp, tagHARTREQUEST *pRequest, unsig
 unsigned int HART_ReceiveRequest(unsigned int hApp, unsigned int hServ, tagHARTREQUEST *pRequest,
                                  unsigned int *pnAppId) noexcept {
   // A burst frame has no service row: it is fetched from the receive queue instead.
-  if (!ValidApp(hApp) || !ValidService(hServ) || !pRequest) return 0;
+  if (!AppInUse(hApp) || !ValidService(hServ) || !pRequest) return 0;
   typQueue &receive = AppReceiveQueues[hApp];
   LockQueue(&receive);
   typQueueElement *element = fncFindReceiveService(hApp, hServ);
@@ -142,15 +140,16 @@ unsigned int HART_ReceiveRequest(unsigned int hApp, unsigned int hServ, tagHARTR
   return 1;
 }
 
-// Accepted and ignored: what they would switch is written through the row pointers instead.
-unsigned int HART_DiscardRequests(unsigned int) noexcept { return 1; }
-unsigned int HART_SetTestDLL(unsigned int, const char *) noexcept { return 1; }
-unsigned int HART_RegisterBurstAppKey(unsigned int, unsigned int) noexcept { return 1; }
-unsigned int HART_SetRepeatIfBusy(unsigned int) noexcept { return 1; }
-unsigned int HART_ClearRepeatIfBusy(unsigned int) noexcept { return 1; }
-unsigned int HART_ClearBurstQueue(unsigned int) noexcept { return 1; }
-unsigned int HART_GetNumberOfBurst(unsigned int, unsigned int *) noexcept { return 1; }
-unsigned int HART_GetBurst(unsigned int, tagHARTREQUEST *) noexcept { return 1; }
-unsigned int HART_SetDebugFlags(unsigned int, unsigned int) noexcept { return 1; }
+// Accepted and ignored for a registered application: what they would switch is written through
+// the row pointers instead. Any other row is refused.
+unsigned int HART_DiscardRequests(unsigned int hApp) noexcept { return AppInUse(hApp); }
+unsigned int HART_SetTestDLL(unsigned int hApp, const char *) noexcept { return AppInUse(hApp); }
+unsigned int HART_RegisterBurstAppKey(unsigned int hApp, unsigned int) noexcept { return AppInUse(hApp); }
+unsigned int HART_SetRepeatIfBusy(unsigned int hApp) noexcept { return AppInUse(hApp); }
+unsigned int HART_ClearRepeatIfBusy(unsigned int hApp) noexcept { return AppInUse(hApp); }
+unsigned int HART_ClearBurstQueue(unsigned int hApp) noexcept { return AppInUse(hApp); }
+unsigned int HART_GetNumberOfBurst(unsigned int hApp, unsigned int *) noexcept { return AppInUse(hApp); }
+unsigned int HART_GetBurst(unsigned int hApp, tagHARTREQUEST *) noexcept { return AppInUse(hApp); }
+unsigned int HART_SetDebugFlags(unsigned int hApp, unsigned int) noexcept { return AppInUse(hApp); }
 
 }  // extern "C"

@@ -1,7 +1,6 @@
 // Applications register a window with a port: the first registration opens the port and starts
 // its worker, the last unregistration closes it. Rows of the application and service tables are
 // taken in one atomic step each, so two threads never get the same row.
-#include "api/registration.h"
 
 #include "link/mac.h"
 #include "port/port_control.h"
@@ -9,11 +8,6 @@
 #include "tables/tables.h"
 
 namespace velmora {
-
-std::mutex &RegistrationMutex() {
-  static std::mutex *mutex = new std::mutex;  // never destroyed: unload closes ports after statics go
-  return *mutex;
-}
 
 namespace {
 
@@ -25,6 +19,13 @@ unsigned int TakeRow(Row (&table)[N], VelmoraWord Row::*state) {
     if ((table[i].*state).compare_exchange_strong(expected, 1)) return i;
   }
   return kNone;
+}
+
+// Registered applications on the port.
+unsigned int AppsOnPort(unsigned int driver) {
+  unsigned int count = 0;
+  for (const tagAPPINFO &app : AppTable) count += app.bInUse.load() != 0 && app.nDriverId.load() == driver;
+  return count;
 }
 
 }  // namespace
@@ -65,34 +66,42 @@ unsigned int RegisterApplication(unsigned int nPort, HWND hWnd, unsigned int nBa
   app.nReplyMsg = nReplyMsg;
   app.nReplyCount = 0;
   app.bRepeatIfBusy = 0;
+  // A port opened again under applications still registered on it counts them too.
+  if (port.nOpenCount == 1) port.nOpenCount = AppsOnPort(nPort - 1);
   if (phApp) *phApp = row;
   if (ppAppInfo) *ppAppInfo = &app;
   return 1;
 }
 
 unsigned int UnRegisterApplication(unsigned int hApp) noexcept {
-  if (!ValidApp(hApp)) return 0;
   std::lock_guard<std::mutex> lock(RegistrationMutex());
+  // A row not in use is nobody's: leaving it again must not close a port under others.
+  if (!AppInUse(hApp)) return 0;
   tagAPPINFO &app = AppTable[hApp];
   const unsigned int driver = app.nDriverId.load();
   app.bInUse = 0;
+  // What the row's next owner must not inherit: burst notices and posts to this window.
+  app.nBurstAppKey = 0;
+  app.hWnd = nullptr;
   for (tagSERVICEINFO &service : ServiceTable)
     if (service.nServiceState.load() != 0 && service.nAppHandle.load() == hApp) service.nServiceState = 4;
   fncClearQueuesOfApp(driver, hApp);
   if (!ValidDriver(driver)) return 1;
   tagCOMPORTINFO &port = ComPortTable[driver];
-  if (port.nOpenCount == 0) return 1;
+  if (port.nOpenCount == 0) {
+    // Closed under it (its line went away, or CloseComPort): the remains go with the last.
+    if (AppsOnPort(driver) == 0 && PortHasRemains(driver)) ClosePortRow(driver);
+    return 1;
+  }
   if (--port.nOpenCount > 0) return 1;
-  CloseComPort(port.hComPort.load());
-  port.hComPort = NoHandle();
-  port.nTxRequest = 0;
+  ClosePortRow(driver);
   // With the worker gone, a request whose owner left can be dropped and its row freed now.
   DropAbandonedRequest(&port);
   return 1;
 }
 
 unsigned int RegisterLLMonitor(unsigned int hApp, HWND hWnd, unsigned int nMsg) noexcept {
-  if (!ValidApp(hApp)) return 0;
+  if (!AppInUse(hApp)) return 0;
   tagCOMPORTINFO &port = PortOfApp(hApp);
   // First come: the message word is claimed in one step, then the window follows.
   unsigned int expected = 0;
@@ -102,10 +111,12 @@ unsigned int RegisterLLMonitor(unsigned int hApp, HWND hWnd, unsigned int nMsg) 
 }
 
 unsigned int UnRegisterLLMonitor(unsigned int hApp) noexcept {
-  if (!ValidApp(hApp)) return 0;
+  if (!AppInUse(hApp)) return 0;
   tagCOMPORTINFO &port = PortOfApp(hApp);
-  port.nMonitorMsg = 0;
+  // The window goes first and the message last: a registration can only claim the monitor
+  // once it is free, and then its window is not cleared behind it.
   port.hMonitorWnd = nullptr;
+  port.nMonitorMsg = 0;
   return 1;
 }
 
@@ -114,6 +125,7 @@ unsigned int GetServiceHandle(unsigned int hApp, tagSERVICEINFO **ppService, tag
   // The row is taken and given its owner under the registration lock: a previous owner that
   // unregisters marks its rows abandoned under the same lock, and must never take this one.
   std::lock_guard<std::mutex> lock(RegistrationMutex());
+  if (!AppInUse(hApp)) return kNone;
   const unsigned int row = TakeRow(ServiceTable, &tagSERVICEINFO::nServiceState);
   if (row == kNone) return kNone;
   ServiceTable[row].nAppHandle = hApp;
@@ -134,7 +146,7 @@ unsigned int UnLockTransmitQueue(unsigned int hApp) noexcept {
 }
 
 unsigned int AppendTransmitQueue(unsigned int hApp, typQueueElement *pElement) noexcept {
-  if (!ValidApp(hApp)) return 0;
+  if (!AppInUse(hApp)) return 0;
   return fncAppendQueueElement(PortOfApp(hApp).pTransmitQueue, pElement);
 }
 

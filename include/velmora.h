@@ -45,6 +45,11 @@ struct CWinThread;                          // opaque: a port's worker thread
 #define VELMORA_NONE 0xFFFFFFFFu    // -1 in a u32 handle or result
 #define VELMORA_BURST_SERVICE 65535u // service number of a burst frame
 #define VELMORA_BUSY_NOTICE 1167u   // message number of the busy notice
+// Link events (wParam of the nLinkEventMsg notice): 1 transmission starts, 2 it ended,
+// 3 reception starts, 4 reception ended; 5 the line went away (device unplugged or its far end
+// closed), sent to every application on the port. Then every request of the port ends with a
+// failure notice, the port reads closed, and a new registration opens it again.
+#define VELMORA_LINK_LOST 5u
 
 // A posted notice.
 struct MSG {
@@ -333,6 +338,10 @@ VELMORA_API tagSERVICEINFO *GetServiceInfo(unsigned int hServ) noexcept;  // nul
 // Registration and request entry. RegisterApplication opens the port on its first
 // registration (and blocks until the worker has started); UnRegisterApplication closes it on
 // the last (and blocks until the worker has stopped, at most 5 s).
+// The calls below that act on a registration (unregistering, the monitor, service handles,
+// appending, and the HART_ calls from HART_UnRegisterDriver on) refuse a row that is not
+// registered now: they answer 0 (-1 for a handle) and change nothing. Unregistering clears the
+// row's window and burst key, so its next owner inherits neither.
 VELMORA_API unsigned int RegisterApplication(unsigned int nPort, HWND hWnd, unsigned int nBaudCode,
                                              unsigned int nReplyMsg, unsigned int nLinkEventMsg,
                                              unsigned int nHistoryMsg, unsigned int nAppKey,
@@ -357,7 +366,7 @@ VELMORA_API unsigned int HART_RegisterDriver(tagHARTREGISTRATION *pReg, unsigned
 VELMORA_API unsigned int HART_UnRegisterDriver(unsigned int hApp) noexcept;
 // Stores the five settings of the application's port, clamped (preambles 5..20, retries 0..10,
 // baud code 0..2 with anything above 2 as 0), and puts the rate into effect at once. Reading gives
-// nMasterType 1 for a primary master and 2 for a secondary one. 1 done; 0 for a handle out of range
+// nMasterType 1 for a primary master and 2 for a secondary one. 1 done; 0 for a row not registered
 // or a null record.
 VELMORA_API unsigned int HART_SetConfiguration(unsigned int hApp, tagHARTCONFIG *pConfig) noexcept;
 VELMORA_API unsigned int HART_GetConfiguration(unsigned int hApp, tagHARTCONFIG *pConfig) noexcept;
@@ -370,7 +379,8 @@ VELMORA_API unsigned int HART_SendRequest(unsigned int hApp, tagHARTREQUEST *pRe
 // most 253 bytes to pRequest->pData.
 VELMORA_API unsigned int HART_ReceiveRequest(unsigned int hApp, unsigned int hServ,
                                              tagHARTREQUEST *pRequest, unsigned int *pnAppId) noexcept;
-// These accept their call, change nothing and return 1. Write the row fields instead.
+// These accept their call from a registered application, change nothing and return 1. Write
+// the row fields instead.
 VELMORA_API unsigned int HART_DiscardRequests(unsigned int hApp) noexcept;
 VELMORA_API unsigned int HART_SetTestDLL(unsigned int hApp, const char *szModule) noexcept;
 VELMORA_API unsigned int HART_RegisterBurstAppKey(unsigned int hApp, unsigned int nKey) noexcept;

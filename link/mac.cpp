@@ -157,10 +157,11 @@ unsigned int BurstTurn(tagCOMPORTINFO *port) {
   ArmIdleTimeOut(port);
   return macWaitQuiet;
 }
-// A burst frame in place of our reply: passed on, counted as a try; the request goes again.
+// A burst frame in place of our reply: passed on, counted as a try; the request goes again
+// while it has tries left and fails after its last, so a burst device cannot keep it for ever.
 unsigned int BurstInsteadOfReply(tagCOMPORTINFO *port) {
   DistributeBurstFrame(port);
-  CountRetry(port);
+  RetryOrGiveUp(port);
   ActS(port);
   Flush(port);
   return macWaitQuiet;

@@ -67,6 +67,27 @@ void ResetRxFrame(tagCOMPORTINFO *pPort) {
 
 void CountRetry(tagCOMPORTINFO *pPort) { ++pPort->nRetryCount; }
 
+bool FailAllRequests(tagCOMPORTINFO *pPort) {
+  for (;;) {
+    if (pPort->pActiveElement) {
+      pPort->bRequestPending = 0;
+      GiveUp(pPort, 0);
+    }
+    FetchNextRequest(pPort);
+    if (!pPort->pActiveElement) return !QueueHoldsWork(pPort->pTransmitQueue);
+  }
+}
+
+void RetryOrGiveUp(tagCOMPORTINFO *pPort) {
+  if (!pPort->pActiveElement) return;
+  if (pPort->nRetryCount < pPort->nRetries.load()) {
+    CountRetry(pPort);
+    return;
+  }
+  pPort->bRequestPending = 0;
+  GiveUp(pPort, 0);
+}
+
 unsigned int HandOverFrame(tagCOMPORTINFO *pPort, const unsigned char *pFrame, unsigned int nLength) {
   if (nLength > kMaxFrame || (!pFrame && nLength)) return kNone;
   if (pPort->nTxRequest.load() != 0) return 0;
@@ -193,7 +214,7 @@ void DistributeBurstFrame(tagCOMPORTINFO *pPort) {
   unsigned int command = 0;
   ExtractReplyData(rx.nFrameLen + 1u, rx.abFrame, &data_len, data, &command);
   for (unsigned int row = 0; row < kAppCount; ++row) {
-    if (AppTable[row].nBurstAppKey.load() == 0) continue;
+    if (AppTable[row].nBurstAppKey.load() == 0 || AppTable[row].bInUse.load() == 0) continue;
     typQueueElement *element = fncCreateQueueElement();
     if (!element) continue;
     fncSetQueueElementData(element, data, data_len);

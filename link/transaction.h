@@ -24,6 +24,12 @@ void StartTransmission(tagCOMPORTINFO *pPort);
 // bResponse: 1 if the frame on hand is a response (message type 4 or 6).
 void CompleteTransaction(tagCOMPORTINFO *pPort, unsigned int bResponse);
 void CountRetry(tagCOMPORTINFO *pPort);
+// A try of the request in service that brought no reply: counted while tries are left, else the
+// request fails and its application gets the failure notice.
+void RetryOrGiveUp(tagCOMPORTINFO *pPort);
+// Ends the request in service and every queued one with a failure notice, as on a line that has
+// gone. False if the transmit queue was held by another thread: some may be left for a later try.
+bool FailAllRequests(tagCOMPORTINFO *pPort);
 // Lays a frame in the port's transmit buffer for the worker to send: 1 taken, 0 the port is
 // still sending or awaiting an answer (the frame is dropped), -1 a frame over the buffer.
 unsigned int HandOverFrame(tagCOMPORTINFO *pPort, const unsigned char *pFrame, unsigned int nLength);

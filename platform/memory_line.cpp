@@ -39,6 +39,10 @@ class MemoryEnd final : public SerialLine {
   }
   uint32_t DoBytesWaiting() override { return line_->Waiting(end_); }
   int32_t DoRead(uint8_t *buffer, uint32_t max) override {
+    if (line_->IsCut()) {
+      MarkLost();
+      return -1;
+    }
     MemoryLine::TimedByte chunk[256];
     uint32_t total = 0;
     while (total < max) {
@@ -51,6 +55,10 @@ class MemoryEnd final : public SerialLine {
     return static_cast<int32_t>(total);
   }
   int32_t DoWrite(const uint8_t *bytes, uint32_t count) override {
+    if (line_->IsCut()) {
+      MarkLost();
+      return -1;
+    }
     line_->WriteAt(end_, bytes, count, NowMicros());
     return static_cast<int32_t>(count);
   }
@@ -60,6 +68,11 @@ class MemoryEnd final : public SerialLine {
     line_->SetWaiter(end_, &wakeup);
     WaitResult result;
     for (;;) {
+      if (line_->IsCut()) {
+        MarkLost();
+        result = WaitResult::kWoken;
+        break;
+      }
       if (watch_input && line_->Waiting(end_) != 0) {
         result = WaitResult::kInput;
         break;
@@ -183,6 +196,18 @@ uint64_t MemoryLine::NextArrivalUs(int end) const {
   std::lock_guard<std::mutex> lock(mutex_);
   const Direction &in = into_[end];
   return in.read_pos < in.bytes.size() ? in.bytes[in.read_pos].arrival_us : kNoDeadline;
+}
+
+void MemoryLine::Cut() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  cut_ = true;
+  for (Wakeup *waiter : waiter_)
+    if (waiter) waiter->Nudge();
+}
+
+bool MemoryLine::IsCut() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return cut_;
 }
 
 void MemoryLine::SetWaiter(int end, Wakeup *waiter) {

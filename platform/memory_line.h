@@ -65,6 +65,9 @@ class MemoryLine : public std::enable_shared_from_this<MemoryLine> {
   // Echo: whatever the master end sends also arrives in its own input, as a half-duplex modem
   // gives it back.
   void SetMasterEcho(bool on);
+  // Takes the line away, as an unplugged adapter: reads and waits at both ends fail from now on.
+  void Cut();
+  bool IsCut() const;
 
   std::vector<Event> Record() const;
   void ClearRecord();
@@ -98,6 +101,7 @@ class MemoryLine : public std::enable_shared_from_this<MemoryLine> {
   bool dtr_[2] = {false, false};
   bool end_open_[2] = {false, false};
   bool master_echo_ = false;
+  bool cut_ = false;
   Wakeup *waiter_[2] = {nullptr, nullptr};
   std::vector<Event> record_;
 };

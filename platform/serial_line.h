@@ -3,6 +3,7 @@
 #ifndef VELMORA_PLATFORM_SERIAL_LINE_H
 #define VELMORA_PLATFORM_SERIAL_LINE_H
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -48,8 +49,12 @@ class SerialLine {
   // Drops all unsent output and unread input.
   void Purge() { DoPurge(); }
   int LastOsError() const { return last_os_error_; }
+  // The device went away (unplugged, or the far end of a pseudo-terminal closed): a read or
+  // write failed, or the wait saw a hang-up. Final: the line object is of no further use.
+  bool Lost() const { return lost_.load(std::memory_order_acquire); }
 
  protected:
+  void MarkLost() { lost_.store(true, std::memory_order_release); }
   int last_os_error_ = 0;
 
  private:
@@ -64,6 +69,7 @@ class SerialLine {
   virtual void DoPurge() = 0;
 
   uint32_t baud_ = 0;
+  std::atomic<bool> lost_{false};
 };
 
 struct OpenedLine {

@@ -3,6 +3,7 @@
 // again with a bounded wait for the worker.
 #include "port/port_control.h"
 
+#include "link/transaction.h"
 #include "platform/clock.h"
 #include "platform/port_names.h"
 #include "port/frame_handover.h"
@@ -34,6 +35,26 @@ void CloseLine(PortRuntime &runtime, tagCOMPORTINFO &port) {
   port.hComPort = NoHandle();
 }
 
+// Stops the worker and waits for it, within its bound. Every wait of the worker ends on the
+// port's wakeup, so it comes back at once unless something outside it hangs.
+void StopWorker(tagCOMPORTINFO &port, PortRuntime &runtime, unsigned int row) {
+  if (port.bThreadRun.load() != 0) {
+    port.bThreadRun = 0;
+    WakePort(row);
+    if (!WaitFor(port.bThreadDone, kWorkerStopBoundMs) && runtime.thread) {
+      // A worker that did not come back in time keeps its line object: freeing it under the
+      // worker would be worse than the leak. The port is closed regardless.
+      runtime.thread->Detach();
+      runtime.thread.reset();
+      (void)runtime.line.release();
+    }
+  }
+  if (runtime.thread) runtime.thread->Join();
+  runtime.thread.reset();
+  port.bThreadDone = 0;
+  port.pThread = nullptr;
+}
+
 }  // namespace
 
 unsigned int BaudRateOf(unsigned int nBaudCode) { return nBaudCode == 1 ? 9600 : nBaudCode == 2 ? 19200 : 1200; }
@@ -53,12 +74,16 @@ HANDLE OpenPort(unsigned int nPort, unsigned int nBaudCode, unsigned int nDataBi
   }
   // The only line this driver speaks: 8 data bits, odd parity (code 1), one stop bit (code 0).
   if (nDataBits != 8 || nParity != 1 || nStopBits != 0) return NoHandle();
+  // A worker whose line went away may still be there: it goes before a new line comes.
+  if (PortHasRemains(nPort - 1)) ClosePortRow(nPort - 1);
   platform::OpenedLine opened = platform::OpenSerialLine(platform::PortDeviceName(nPort));
   if (!opened.line) return NoHandle();
   runtime.line = std::move(opened.line);
   // A worker stopped in the middle of a step leaves it behind; the new line starts listening.
   runtime.step = WorkerStep::kListen;
   runtime.held_count = 0;
+  runtime.lost = false;
+  runtime.lost_again = false;
   platform::SerialLine *line = runtime.line.get();
   line->Purge();
   port.pTimer->nBaudCode = nBaudCode;
@@ -100,15 +125,27 @@ HANDLE OpenPort(unsigned int nPort, unsigned int nBaudCode, unsigned int nDataBi
   return port.hComPort.load();
 }
 
+void ClosePortRow(unsigned int nDriverId) {
+  if (!ValidDriver(nDriverId)) return;
+  tagCOMPORTINFO &port = ComPortTable[nDriverId];
+  PortRuntime &runtime = RuntimeOf(nDriverId);
+  StopWorker(port, runtime, nDriverId);
+  CloseLine(runtime, port);
+  port.nTxRequest = 0;
+  port.nOpenCount = 0;
+  runtime.lost = false;
+}
+
+bool PortHasRemains(unsigned int nDriverId) {
+  if (!ValidDriver(nDriverId)) return false;
+  const PortRuntime &runtime = RuntimeOf(nDriverId);
+  return runtime.thread || runtime.line;
+}
+
 void StopAllPorts() {
-  for (tagCOMPORTINFO &port : ComPortTable) {
-    HANDLE handle = port.hComPort.load();
-    if (handle == NoHandle()) continue;
-    CloseComPort(handle);
-    port.hComPort = NoHandle();
-    port.nTxRequest = 0;
-    port.nOpenCount = 0;
-  }
+  std::lock_guard<std::mutex> lock(RegistrationMutex());
+  for (unsigned int row = 0; row < kPortCount; ++row)
+    if (ComPortTable[row].hComPort.load() != NoHandle() || PortHasRemains(row)) ClosePortRow(row);
 }
 
 }  // namespace velmora
@@ -120,6 +157,7 @@ extern "C" {
 HANDLE OpenComPort(unsigned int nPort, unsigned int nBaudCode, unsigned int nDataBits, unsigned int nParity,
                    unsigned int nStopBits, HWND hHistoryWnd, unsigned int nHistoryMsg) noexcept {
   try {
+    std::lock_guard<std::mutex> lock(RegistrationMutex());
     return OpenPort(nPort, nBaudCode, nDataBits, nParity, nStopBits, hHistoryWnd, nHistoryMsg, true);
   } catch (...) {
     return NoHandle();
@@ -128,26 +166,13 @@ HANDLE OpenComPort(unsigned int nPort, unsigned int nBaudCode, unsigned int nDat
 
 unsigned int CloseComPort(HANDLE hComPort) noexcept {
   if (hComPort == NoHandle()) return 0;
+  std::lock_guard<std::mutex> lock(RegistrationMutex());
   const int row = FindComPort(hComPort);
   if (row < 0) return 0;
-  tagCOMPORTINFO &port = ComPortTable[row];
-  PortRuntime &runtime = RuntimeOf(static_cast<unsigned int>(row));
-  if (port.bThreadRun.load() != 0) {
-    port.bThreadRun = 0;
-    WakePort(static_cast<unsigned int>(row));
-    if (WaitFor(port.bThreadDone, kWorkerStopBoundMs)) {
-      if (runtime.thread) runtime.thread->Join();
-      port.bThreadDone = 0;
-    } else if (runtime.thread) {
-      // A worker that did not come back in time keeps its line object: freeing it under the
-      // worker would be worse than the leak. The port is closed regardless.
-      runtime.thread->Detach();
-      (void)runtime.line.release();
-    }
-    runtime.thread.reset();
-  }
-  if (port.hComPort.load() != hComPort) return 0;
-  runtime.line.reset();
+  ClosePortRow(static_cast<unsigned int>(row));
+  // Nobody serves the port now: what its applications still wait for ends with a failure notice
+  // (the transmit queue may be held a moment by an application thread).
+  for (int tries = 0; tries < 1000 && !FailAllRequests(&ComPortTable[row]); ++tries) platform::os::SleepMicros(100);
   return 1;
 }
 

@@ -11,6 +11,12 @@ namespace velmora {
 HANDLE OpenPort(unsigned int nPort, unsigned int nBaudCode, unsigned int nDataBits, unsigned int nParity,
                 unsigned int nStopBits, HWND hHistoryWnd, unsigned int nHistoryMsg, bool start_worker);
 
+// Stops the port's worker, waits for it (bounded) and frees its line: the row reads closed with
+// no application counted on it. The caller holds RegistrationMutex.
+void ClosePortRow(unsigned int nDriverId);
+// A worker or line object is left on a port that reads closed (its line went away).
+bool PortHasRemains(unsigned int nDriverId);
+
 // Stops every running worker and closes every open port; for unload.
 void StopAllPorts();
 

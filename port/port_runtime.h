@@ -42,6 +42,10 @@ struct PortRuntime {
   // Inside a frame whose length is known, the bytes before its last are read in one go when
   // they are due rather than one wake each; the last byte wakes the worker as it arrives.
   uint64_t gather_until_us = 0;
+  // The line went away: the worker does no more I/O and fails every request handed to it, until
+  // the port is closed. again: the transmit queue was held, look again soon.
+  bool lost = false;
+  bool lost_again = false;
 };
 
 PortRuntime &RuntimeOf(unsigned int nDriverId);

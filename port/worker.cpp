@@ -12,8 +12,10 @@
 #include "link/frame_parser.h"
 #include "link/link_counters.h"
 #include "link/mac.h"
+#include "link/transaction.h"
 #include "platform/clock.h"
 #include "port/port_runtime.h"
+#include "queues/delivery.h"
 #include "queues/queue_guard.h"
 #include "queues/worker_orders.h"
 #include "tables/port_wake.h"
@@ -295,6 +297,22 @@ void CarryOutOrders(tagCOMPORTINFO *port) {
     port->pActiveElement->nClearMark = kBurstService;
 }
 
+// The line has gone: the port reads closed, its applications hear of it, and every request
+// handed to the worker from now on ends with a failure notice.
+void ServiceLostLine(tagCOMPORTINFO *port, PortRuntime &runtime) {
+  if (!runtime.lost) {
+    runtime.lost = true;
+    runtime.step = WorkerStep::kListen;
+    runtime.held_count = 0;
+    port->hComPort = NoHandle();
+    port->nTxRequest = 0;
+    NotifyPortLinkEvent(port, VELMORA_LINK_LOST);
+  }
+  runtime.lost_again = !FailAllRequests(port);
+}
+
+bool LineLost(const PortRuntime &runtime) { return runtime.lost || (runtime.line && runtime.line->Lost()); }
+
 // When the next wake is due without anything else happening, and whether bytes on the line
 // should wake the worker (not during a timed step, which reads nothing).
 uint64_t NextDeadlineUs(tagCOMPORTINFO *port, const PortRuntime &runtime, uint64_t now_us, bool *watch_input) {
@@ -356,6 +374,7 @@ void ServiceWake(tagCOMPORTINFO *pPort) {
   CarryOutOrders(pPort);
   const uint64_t now_us = platform::NowMicros();
   pPort->pTimer->tNow = static_cast<uint32_t>(now_us / kUsPerMs);
+  if (LineLost(runtime)) return ServiceLostLine(pPort, runtime);
   const unsigned int state_before = pPort->nMacState.load();
   if (runtime.step != WorkerStep::kListen) {
     if (now_us >= runtime.step_due_us) AdvanceStep(pPort, runtime, now_us);
@@ -365,6 +384,7 @@ void ServiceWake(tagCOMPORTINFO *pPort) {
     ReadPhase(pPort, runtime, now_us);
   }
   CloseRecordIfDone(pPort, state_before);
+  if (LineLost(runtime)) return ServiceLostLine(pPort, runtime);
   // A frame handed over goes out now, not at the next wake.
   if (runtime.step == WorkerStep::kListen && pPort->nTxRequest.load() == 1)
     BeginTransmit(pPort, runtime, platform::NowMicros());
@@ -374,11 +394,13 @@ void WaitForWork(tagCOMPORTINFO *pPort, uint32_t max_wait_ms) {
   const PortRuntime &runtime = RuntimeOf(*pPort);
   const uint64_t now_us = platform::NowMicros();
   bool watch_input = false;
-  uint64_t deadline = NextDeadlineUs(pPort, runtime, now_us, &watch_input);
+  uint64_t deadline = runtime.lost ? (runtime.lost_again ? now_us + PassSleepMs(0) * kUsPerMs : platform::kNoDeadline)
+                                   : NextDeadlineUs(pPort, runtime, now_us, &watch_input);
   if (max_wait_ms != UINT32_MAX) deadline = std::min(deadline, now_us + max_wait_ms * kUsPerMs);
   if (deadline <= now_us) return;
   platform::Wakeup &wakeup = WakeupOf(DriverOf(*pPort));
-  if (platform::SerialLine *line = runtime.line.get()) {
+  platform::SerialLine *line = runtime.lost ? nullptr : runtime.line.get();
+  if (line) {
     line->Wait(wakeup, deadline, watch_input);
   } else if (platform::InstalledVirtualClock()) {
     platform::SleepMs(1);

@@ -1,6 +1,6 @@
 // Results go to applications as a notice plus an element in their receive queue. The element is
-// in the queue before the notice can be seen; a queue that is locked, or a post that fails,
-// parks the element in the pending queue, which every pass tries again. The worker never waits:
+// in the queue before the notice can be seen; a post that fails leaves it there unposted, and a
+// queue that is locked parks it in the pending queue, which every pass tries again. The worker never waits:
 // it only tries the guards of the queues it touches.
 #include "queues/delivery.h"
 
@@ -45,6 +45,11 @@ void DrainInboxHeld() {
 
 typQueueElement *LastOf(typQueue &queue) { return queue.pTail ? queue.pTail : queue.pHead; }
 
+BOOL PostStored(const typQueueElement &element) {
+  return PostMessageA(element.hPostWnd, element.nPostMsg, element.wParam, static_cast<LPARAM>(element.lParam));
+}
+
+
 void TraceDelivery(tagCOMPORTINFO *port, const typQueueElement &element) {
   if (!port || !TraceOn(*port, kTraceService) || !ValidService(element.nServiceHandle)) return;
   const unsigned int app_id = ServiceTable[element.nServiceHandle].nAppId.load();
@@ -54,15 +59,23 @@ void TraceDelivery(tagCOMPORTINFO *port, const typQueueElement &element) {
   addHistServiceDetails(line);
 }
 
-// The result of a request whose owner has unregistered: its row is freed, the result dropped.
+// A result nobody will fetch: a request whose owner has unregistered (its row is freed here), or
+// a burst frame for a row no longer registered. It is dropped.
 bool OwnerGone(const typQueueElement &element) {
+  if (element.nServiceHandle == kBurstService) return !AppInUse(element.nAppHandle);
   if (!ValidService(element.nServiceHandle)) return false;
   unsigned int abandoned = 4;
   return ServiceTable[element.nServiceHandle].nServiceState.compare_exchange_strong(abandoned, 0);
 }
 
-BOOL PostStored(const typQueueElement &element) {
-  return PostMessageA(element.hPostWnd, element.nPostMsg, element.wParam, static_cast<LPARAM>(element.lParam));
+// With the application's receive queue held: appends the element and posts its notice. A notice
+// that cannot be posted (no window, or one destroyed) leaves the element in the queue marked
+// unposted, where HART_ReceiveRequest still finds it. False if the queue refused the element.
+bool AppendAndPost(typQueue &receive, typQueueElement *element) {
+  element->bUnposted = 0;
+  if (!fncAppendQueueElement(&receive, element)) return false;
+  if (!PostStored(*element)) LastOf(receive)->bUnposted = 1;
+  return true;
 }
 
 }  // namespace
@@ -104,6 +117,15 @@ void NotifyAppLinkEvent(tagCOMPORTINFO *pPort, unsigned int nEvent) {
   if (message != 0) PostMessageA(app.hWnd.load(), message, nEvent, 0);
 }
 
+void NotifyPortLinkEvent(tagCOMPORTINFO *pPort, unsigned int nEvent) {
+  const auto driver = static_cast<unsigned int>(pPort - &ComPortTable[0]);
+  for (const tagAPPINFO &app : AppTable) {
+    if (app.bInUse.load() == 0 || app.nDriverId.load() != driver) continue;
+    const unsigned int message = app.nLinkEventMsg.load();
+    if (message != 0) PostMessageA(app.hWnd.load(), message, nEvent, 0);
+  }
+}
+
 }  // namespace velmora
 
 using namespace velmora;
@@ -137,20 +159,12 @@ unsigned int fncPassToApplication(tagCOMPORTINFO *pPort, unsigned int bGood, typ
         if (bFree) fncDestroyQueueElement(pElement);
         return 1;
       }
-      pElement->bUnposted = 0;
-      if (fncAppendQueueElement(&receive, pElement)) {
-        if (PostStored(*pElement)) {
-          delivered = true;
-        } else {
-          fncRemoveQueueElement(&receive, LastOf(receive));
-          pElement->bUnposted = 1;
-        }
-      }
+      delivered = AppendAndPost(receive, pElement);
       GiveQueue(&receive);
     }
   }
   TraceDelivery(pPort, *pElement);
-  if (!delivered) AppendPending(pElement);
+  if (!delivered && !OwnerGone(*pElement)) AppendPending(pElement);
   if (bFree) fncDestroyQueueElement(pElement);
   return 1;
 }
@@ -162,20 +176,14 @@ unsigned int fncPassReceivePendingQueue(void) noexcept {
   typQueueElement *element = pending.pHead;
   while (element) {
     typQueueElement *next = element->pNext;
-    if (ValidApp(element->nAppHandle)) {
+    if (!ValidApp(element->nAppHandle) || OwnerGone(*element)) {
+      fncRemoveQueueElement(&pending, element);
+    } else {
       typQueue &receive = AppReceiveQueues[element->nAppHandle];
       if (TryTakeQueue(&receive)) {
-        element->bUnposted = 0;
-        if (fncAppendQueueElement(&receive, element)) {
-          if (PostStored(*element)) {
-            fncRemoveQueueElement(&pending, element);
-          } else {
-            fncRemoveQueueElement(&receive, LastOf(receive));
-            element->bUnposted = 1;
-          }
-        } else {
-          element->bUnposted = 1;
-        }
+        // Checked again while the queue is held, as on the way in.
+        if (OwnerGone(*element) || AppendAndPost(receive, element)) fncRemoveQueueElement(&pending, element);
+        else element->bUnposted = 1;
         GiveQueue(&receive);
       }
     }

@@ -9,6 +9,8 @@ namespace velmora {
 // Link events to the application whose request is in service: 1 transmission starts,
 // 2 transmission ended, 3 reception starts, 4 reception ended.
 void NotifyAppLinkEvent(tagCOMPORTINFO *pPort, unsigned int nEvent);
+// Posts a link event to every application registered on the port (a line that went away).
+void NotifyPortLinkEvent(tagCOMPORTINFO *pPort, unsigned int nEvent);
 
 // Stores a copy of the element in the pending queue without waiting: if another thread holds
 // the queue, the copy waits in an inbox that the next holder empties into the queue.

@@ -12,4 +12,9 @@ constinit typQueue TransmitQueues[kPortCount]{};
 constinit typQueue AppReceiveQueues[kAppCount]{};
 constinit typQueue ReceivePendingQueue{};
 
+std::mutex &RegistrationMutex() {
+  static std::mutex *mutex = new std::mutex;  // never destroyed: unload closes ports after statics go
+  return *mutex;
+}
+
 }  // namespace velmora

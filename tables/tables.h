@@ -2,6 +2,8 @@
 #ifndef VELMORA_TABLES_TABLES_H
 #define VELMORA_TABLES_TABLES_H
 
+#include <mutex>
+
 #include "velmora.h"
 
 namespace velmora {
@@ -31,6 +33,8 @@ extern typQueue ReceivePendingQueue;
 inline bool ValidApp(unsigned int hApp) { return hApp < kAppCount; }
 inline bool ValidService(unsigned int hServ) { return hServ < kServiceCount; }
 inline bool ValidDriver(unsigned int nDriverId) { return nDriverId < kPortCount; }
+// A registered application: calls that act on a registration refuse any other row.
+inline bool AppInUse(unsigned int hApp) { return ValidApp(hApp) && AppTable[hApp].bInUse.load() != 0; }
 
 // The port row of an application; row 0 for an application row out of range, as a never-used
 // row points at port 0.
@@ -49,6 +53,10 @@ inline bool TraceOn(const tagCOMPORTINFO &port, unsigned int bit) {
 }
 
 inline HANDLE NoHandle() { return VELMORA_INVALID_HANDLE; }
+
+// Serialises what opens, registers on, unregisters from and closes ports. Only application
+// threads take it; the workers never do.
+std::mutex &RegistrationMutex();
 
 }  // namespace velmora
 

@@ -71,10 +71,10 @@ class TermiosLine final : public SerialLine {
   }
   int32_t DoRead(uint8_t *buffer, uint32_t max) override {
     ssize_t got = read(fd_, buffer, max);
-    if (got > 0) hung_up_ = false;
     if (got >= 0) return static_cast<int32_t>(got);
     if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return 0;
     Fail();
+    MarkLost();
     return -1;
   }
   int32_t DoWrite(const uint8_t *bytes, uint32_t count) override {
@@ -88,6 +88,7 @@ class TermiosLine final : public SerialLine {
       } else {
         if (put < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
           Fail();
+          MarkLost();
           if (done == 0) return -1;
         }
         break;
@@ -104,18 +105,18 @@ class TermiosLine final : public SerialLine {
   }
   WaitResult DoWait(Wakeup &wakeup, uint64_t deadline_us, bool watch_input) override {
     // A negative descriptor is left out: poll() reports a hang-up even when asked for nothing.
-    pollfd fds[2] = {{watch_input && !hung_up_ ? fd_ : -1, POLLIN, 0}, {wakeup.Fd(), POLLIN, 0}};
+    pollfd fds[2] = {{watch_input && !Lost() ? fd_ : -1, POLLIN, 0}, {wakeup.Fd(), POLLIN, 0}};
     uint64_t wait_us = deadline_us;
     const uint64_t now = NowMicros();
     if (deadline_us != kNoDeadline) wait_us = deadline_us > now ? deadline_us - now : 0;
-    // Without a wake descriptor, or on a line whose far end has hung up (which polls ready for
-    // ever), look again every few milliseconds instead.
-    if (wakeup.Fd() < 0 || (watch_input && hung_up_)) wait_us = std::min<uint64_t>(wait_us, kFallbackPollUs);
+    // Without a wake descriptor, look again every few milliseconds instead.
+    if (wakeup.Fd() < 0) wait_us = std::min<uint64_t>(wait_us, kFallbackPollUs);
     timespec timeout{static_cast<time_t>(wait_us / 1000000u), static_cast<long>(wait_us % 1000000u * 1000u)};
     const int ready = ppoll(fds, 2, wait_us == kNoDeadline ? nullptr : &timeout, nullptr);
     if (ready <= 0) return ready == 0 ? WaitResult::kDeadline : WaitResult::kWoken;
-    if (fds[0].revents & (POLLHUP | POLLERR)) {
-      hung_up_ = true;
+    // A hang-up polls ready for ever: the device is gone (unplugged, or the far end closed).
+    if (fds[0].revents & (POLLHUP | POLLERR | POLLNVAL)) {
+      MarkLost();
       return WaitResult::kWoken;
     }
     if (fds[1].revents & POLLIN) return WaitResult::kWoken;
@@ -125,9 +126,6 @@ class TermiosLine final : public SerialLine {
 
   static constexpr uint64_t kFallbackPollUs = 5000;
   int fd_;
-  // The far end hung up: poll() reports it at once for ever, so the line is not watched. A read
-  // that brings bytes shows the far end back.
-  bool hung_up_ = false;
 };
 
 }  // namespace

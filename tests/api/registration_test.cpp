@@ -117,7 +117,7 @@ TEST_F(RegistrationTest, ExportsAnswerFromTheirArguments) {
                    HART_ReceiveRequest(a, kBurstService, &request, &id),
                    HART_ReceiveRequest(a, 3, &request, &id), HART_ReceiveRequest(a, 3, nullptr, nullptr), id,
                    AppReceiveQueues[a].bLocked.load()}),
-            (Words{0, kNone, 1, 0, 0, 0, 0, 0, 0, 0, kNone, kNone, 0, 0, 0, 0, 0, 99, 0}));
+            (Words{0, kNone, 0, 0, 0, 0, 0, 0, 0, 0, kNone, kNone, 0, 0, 0, 0, 0, 99, 0}));
   EXPECT_EQ(Words({HART_GetConfiguration(a, &config), config.nMasterType, config.nPreambles, config.nRetries,
                    config.nBaudCode, config.nExtraRtsDelay}),
             (Words{1, 1, 5, 0, 1, 0}));  // as registered
@@ -130,7 +130,7 @@ TEST_F(RegistrationTest, ExportsAnswerFromTheirArguments) {
 }
 
 // The accessors read the registered row and never past a table; the exports kept for older
-// clients answer 1 whatever they are given.
+// clients answer 1 for a registered application, whatever else they are given, and 0 otherwise.
 TEST_F(RegistrationTest, AccessorsReadTheRowOrNothingPastTheTables) {
   const unsigned int a = Register(32, 2);
   AppTable[a].nBurstAppKey = 4;
@@ -157,7 +157,7 @@ TEST_F(RegistrationTest, AccessorsReadTheRowOrNothingPastTheTables) {
     EXPECT_EQ(Words({HART_DiscardRequests(hApp), HART_SetTestDLL(hApp, nullptr), HART_RegisterBurstAppKey(hApp, 1),
                      HART_SetRepeatIfBusy(hApp), HART_ClearRepeatIfBusy(hApp), HART_ClearBurstQueue(hApp),
                      HART_GetNumberOfBurst(hApp, &count), HART_GetBurst(hApp, nullptr), HART_SetDebugFlags(hApp, 0)}),
-              Words(9, 1));
+              Words(9, hApp == a));
 }
 
 }  // namespace

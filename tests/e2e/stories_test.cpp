@@ -3,9 +3,14 @@
 // against velmora-sim, the POSIX serial backend with real timing and another process at the far end.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <chrono>
+#include <filesystem>
 #include <string>
 
+#include "port/port_control.h"
 #include "sim/sim_memory_runner.h"
 #include "tables/tables.h"
 #include "tests/support/e2e_client.h"
@@ -194,23 +199,53 @@ TEST_F(Stories, IdentityAndVariablesAt1200Baud) {
   for (size_t i = 0; i < 4; ++i) EXPECT_EQ(variables->data[4 + 5 * i], device.Config().variables[i].unit) << i;
 }
 
-TEST_F(Stories, DeviceThatMissesAReplyAndThenDisappears) {
-  if (!StartSimProcess({"--baud", "9600", "--fault", "no-reply:times=1"})) GTEST_SKIP() << "no velmora-sim";
+// The device misses a reply (the retry gets it), then goes away with requests in hand, as an
+// unplugged adapter does: they end at once with failure notices instead of running through their
+// retries, the application hears that the line is lost, and the port reads closed and refuses
+// requests. Back on the same path, a new registration opens the port for every application.
+TEST_F(Stories, DeviceThatMissesAReplyThenGoesAwayAndComesBack) {
+  const std::string path = ::testing::TempDir() + "velmora-stories-" + std::to_string(getpid());
+  auto start = [&](std::vector<std::string> args) {
+    sim_ = std::make_unique<SimProcess>(args);
+    std::filesystem::remove(path);
+    std::filesystem::create_symlink(sim_->Path(), path);
+    return !sim_->Path().empty();
+  };
+  if (!start({"--baud", "9600", "--fault", "no-reply:times=1,command=0", "--fault", "no-reply:command=1"}))
+    GTEST_SKIP() << "no velmora-sim";
+  SetComPortDevice(kPort, path.c_str());
   Client client(kPort, 1);
   client.Configure(1);
-  // The request goes unanswered and times out; the retry is answered.
   auto reply = client.Await(client.Send(0), 10000);
   ASSERT_TRUE(reply.has_value());
   EXPECT_EQ(reply->response_code, 0u);
+  client.Configure(10);  // ten silent tries would take seconds
+  const unsigned int in_flight = client.Send(1), queued = client.Send(1);
+  platform::os::SleepMicros(300000);
+  const auto gone = std::chrono::steady_clock::now();
   sim_->Stop();
-  for (int i = 0; i < 2; ++i) {
-    auto failed = client.Await(client.Send(0), 10000);
+  for (unsigned int service : {in_flight, queued}) {
+    auto failed = client.Await(service, 3000);
     ASSERT_TRUE(failed.has_value());
-    EXPECT_EQ(failed->lparam, 0xFFFFu);
-    EXPECT_EQ(failed->response_code, 128);
+    EXPECT_EQ(std::pair(failed->lparam, unsigned{failed->response_code}), std::pair(0xFFFFu, 128u));
   }
+  EXPECT_LT(std::chrono::steady_clock::now() - gone, std::chrono::seconds(2));
+  EXPECT_TRUE(std::any_of(client.others.begin(), client.others.end(), [](const MSG &msg) {
+    return msg.message == Client::kLinkMsg && msg.wParam == VELMORA_LINK_LOST;
+  }));
+  EXPECT_EQ(std::pair(ComPortTable[kPort - 1].hComPort.load(), client.Send(0)), std::pair(NoHandle(), VELMORA_NONE));
+  ASSERT_TRUE(start({"--baud", "9600"}));
+  Client second(kPort, 1);
+  for (Client *each : {&second, &client}) {
+    auto answer = each->Await(each->Send(0), 10000);
+    ASSERT_TRUE(answer.has_value());
+    EXPECT_EQ(answer->response_code, 0u);
+  }
+  second.Unregister();
   client.Unregister();
   EXPECT_EQ(ComPortTable[kPort - 1].hComPort.load(), NoHandle());
+  EXPECT_FALSE(PortHasRemains(kPort - 1));
+  std::filesystem::remove(path);
 }
 
 }  // namespace

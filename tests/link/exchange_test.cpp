@@ -207,16 +207,20 @@ TEST_F(ExchangeTest, AnswersAndSilence) {
 
 TEST_F(ExchangeTest, BurstFramesReachEveryApplicationThatAsked) {
   AppTable[kApp].nBurstAppKey = 0x55;
-  AppTable[20].nBurstAppKey = 0x66;  // not in use: only the key counts
-  AppTable[20].hWnd = app_window_;
-  AppTable[20].nReplyMsg = 0x777;
+  for (unsigned int row : {20u, 21u}) {  // row 20 is not in use: a key left there gets nothing
+    AppTable[row].nBurstAppKey = 0x46 + row;
+    AppTable[row].hWnd = app_window_;
+    AppTable[row].nReplyMsg = 0x757 + row;
+  }
+  AppTable[21].bInUse = 1;
   ASSERT_TRUE(AwaitState(macLineFree, 400));
   FarSend(ShortResponse(0, 3, {0x00, 0x00, 0x01, 0x02}, true, 5, true));
   RunFor(200);
-  const std::vector<MSG> mine = Notices(kReplyMsg), theirs = Notices(0x777);
-  ASSERT_EQ(std::pair(mine.size(), theirs.size()), std::pair(size_t{1}, size_t{1}));
+  const std::vector<MSG> mine = Notices(kReplyMsg), theirs = Notices(0x76C);
+  ASSERT_EQ(std::tuple(mine.size(), theirs.size(), Notices(0x76B).size()), std::tuple(size_t{1}, size_t{1}, size_t{0}));
   EXPECT_EQ(std::pair(mine[0].wParam, mine[0].lParam), std::pair(65535ul, 0x55l));
-  EXPECT_EQ(theirs[0].lParam, 0x66);
+  EXPECT_EQ(theirs[0].lParam, 0x5B);
+  EXPECT_EQ(fncGetBurstCount(20), 0u);
   EXPECT_EQ(fncGetBurstCount(kApp), 1u);
   const typQueueElement *burst = fncFindReceiveService(kApp, VELMORA_BURST_SERVICE);
   ASSERT_NE(burst, nullptr);

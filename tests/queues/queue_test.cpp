@@ -112,6 +112,7 @@ class DeliveryTest : public ::testing::Test {
     for (unsigned int hApp : {kA, kB}) {
       AppTable[hApp].hWnd = CreateNoticeWindow();
       AppTable[hApp].nReplyMsg = kReplyMsg;
+      AppTable[hApp].bInUse = 1;
     }
   }
   void TearDown() override {
@@ -194,8 +195,8 @@ TEST_F(DeliveryTest, NoticeGoesToTheOwnersWindow) {
 }
 
 // Results that meet a held receive queue wait, and are announced oldest first before the next
-// one; each is fetched once. A result for a destroyed window waits unannounced, and that of an
-// abandoned request is dropped.
+// one; each is fetched once. A result for a destroyed window waits unannounced where it can be
+// fetched, and that of an abandoned request is dropped.
 TEST_F(DeliveryTest, ParkedResultsAndAbandonedRequests) {
   LockQueue(&AppReceiveQueues[kA]);
   Pass(kA, 10, {0, 0, 0xAA});
@@ -214,25 +215,24 @@ TEST_F(DeliveryTest, ParkedResultsAndAbandonedRequests) {
                    reply.nResponseCode, reply.nDeviceStatus, app_id, ServiceTable[12].nServiceState.load(),
                    HART_ReceiveRequest(kA, 12, &reply, &app_id)}),
             (Words{1, 2, 0xCC, 0xDD, 0x20, 0x40, 0x10002, 0, 0}));
-  // The result stays tied to the window it was first meant for.
+  // The result stays tied to the window it was first meant for, in the receive queue.
   DestroyNoticeWindow(AppTable[kA].hWnd.load());
   Pass(kA, 40, {0, 0});
   AppTable[kA].hWnd = CreateNoticeWindow();
   fncPassReceivePendingQueue();
-  EXPECT_EQ(Words({ReceivePendingQueue.nCount, Found(fncFindReceiveService(kA, 40)),
-                   ReceivePendingQueue.pHead ? ReceivePendingQueue.pHead->bUnposted : 0}),
-            (Words{1, kNone, 1}));
+  typQueueElement *unposted = fncFindReceiveService(kA, 40);
+  ASSERT_NE(unposted, nullptr);
+  EXPECT_EQ(Words({ReceivePendingQueue.nCount, unposted->bUnposted}), (Words{0, 1}));
   ServiceTable[50].nServiceState = 4;  // an abandoned request: its result is dropped and its row freed
   Pass(kB, 50, {0, 0});
   EXPECT_EQ(Words({Found(fncFindReceiveService(kB, 50)), ServiceTable[50].nServiceState.load()}),
             (Words{kNone, 0}));
   EXPECT_EQ(Notices(kA), Words{});
   // A result left unannounced in its receive queue goes out on the next call for it.
-  ReceivePendingQueue.pHead->hPostWnd = AppTable[kA].hWnd.load();
-  fncAppendQueueElement(&AppReceiveQueues[kA], ReceivePendingQueue.pHead);
+  unposted->hPostWnd = AppTable[kA].hWnd.load();
   subSendOutstandingMessages();
   EXPECT_EQ(Notices(kA), Words{40});
-  EXPECT_EQ(AppReceiveQueues[kA].pHead->bUnposted, 0u);
+  EXPECT_EQ(unposted->bUnposted, 0u);
 }
 
 }  // namespace
