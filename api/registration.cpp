@@ -152,7 +152,6 @@ unsigned int AppendTransmitQueue(unsigned int hApp, typQueueElement *pElement) n
 
 unsigned int SetBaudRate(tagCOMPORTINFO *pPort) noexcept {
   if (!pPort) return 0;
-  std::lock_guard<std::mutex> lock(RegistrationMutex());
   ComSetBaudRate(pPort);
   return 1;
 }

@@ -33,12 +33,18 @@ void TraceState(tagCOMPORTINFO *pPort, const char *sMark) {
     std::snprintf(text, sizeof text, empty ? "%d:%s" : " / %d:%s", ms, sMark);
   }
   size_t used = std::strlen(line);
-  const size_t add = std::strlen(text);
+  const char *add_text = text;
+  size_t add = std::strlen(text);
   if (used + add + 1 > kStateTraceSize) {
     FlushStateTrace(pPort);
     used = 0;
+    // The next line starts clean, without the separator.
+    if (!empty) {
+      add_text += 3;
+      add -= 3;
+    }
   }
-  std::memcpy(line + used, text, add + 1);
+  std::memcpy(line + used, add_text, add + 1);
   pPort->tTraceBase = platform::NowMs();
 }
 

@@ -84,6 +84,7 @@ HANDLE OpenPort(unsigned int nPort, unsigned int nBaudCode, unsigned int nDataBi
   runtime.held_count = 0;
   runtime.lost = false;
   runtime.lost_again = false;
+  runtime.rate_changed = false;
   platform::SerialLine *line = runtime.line.get();
   line->Purge();
   port.pTimer->nBaudCode = nBaudCode;
@@ -178,14 +179,19 @@ unsigned int CloseComPort(HANDLE hComPort) noexcept {
 
 unsigned int ComSetBaudRate(tagCOMPORTINFO *pPort) noexcept {
   if (!pPort) return 0;
-  const unsigned int code = pPort->nBaudCode.load();
-  pPort->pTimer->nBaudCode = code;
-  if (platform::SerialLine *line = LineOf(*pPort)) {
-    const unsigned int rate = BaudRateOf(code);
+  pPort->pTimer->nBaudCode = pPort->nBaudCode.load();
+  if (pPort < &ComPortTable[0] || pPort >= &ComPortTable[kPortCount]) return 1;
+  const auto row = static_cast<unsigned int>(pPort - &ComPortTable[0]);
+  std::lock_guard<std::mutex> lock(RegistrationMutex());
+  // The line belongs to its worker: the worker changes the rate when it wakes. Without one (a
+  // port opened for a test that runs the passes itself) it is changed here.
+  if (pPort->bThreadRun.load() != 0) {
+    RuntimeOf(row).rate_changed = true;
+    WakePort(row);
+  } else if (platform::SerialLine *line = LineOf(*pPort)) {
+    const unsigned int rate = BaudRateOf(pPort->nBaudCode.load());
     if (line->Baud() != rate) line->SetBaud(rate);
   }
-  if (pPort >= &ComPortTable[0] && pPort < &ComPortTable[kPortCount])
-    WakePort(static_cast<unsigned int>(pPort - &ComPortTable[0]));
   return 1;
 }
 

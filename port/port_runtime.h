@@ -46,6 +46,8 @@ struct PortRuntime {
   // the port is closed. again: the transmit queue was held, look again soon.
   bool lost = false;
   bool lost_again = false;
+  // An application changed the rate (baud code in the port's row); the worker puts it on the line.
+  std::atomic<bool> rate_changed{false};
 };
 
 PortRuntime &RuntimeOf(unsigned int nDriverId);

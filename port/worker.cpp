@@ -372,6 +372,10 @@ void ServiceWake(tagCOMPORTINFO *pPort) {
   PortRuntime &runtime = RuntimeOf(*pPort);
   WakeupOf(DriverOf(*pPort)).Take();
   CarryOutOrders(pPort);
+  if (runtime.rate_changed.exchange(false) && runtime.line && !runtime.lost) {
+    const unsigned int rate = BaudOf(pPort->nBaudCode.load());
+    if (runtime.line->Baud() != rate) runtime.line->SetBaud(rate);
+  }
   const uint64_t now_us = platform::NowMicros();
   pPort->pTimer->tNow = static_cast<uint32_t>(now_us / kUsPerMs);
   if (LineLost(runtime)) return ServiceLostLine(pPort, runtime);

@@ -106,6 +106,7 @@ TEST_F(HistoryTest, StateTraceIsBoundedAndFlushed) {
   const std::string states = GetHistory(4).str();
   EXPECT_EQ(states.substr(0, 63), "000057: 4:->K / 2:Tstr / 51:Tend / ->D\r\n000414: ->AJO / 1:->AJO");
   EXPECT_EQ(std::count(states.begin(), states.end(), 'J'), 2000);  // no mark lost where it flushed
+  EXPECT_EQ(states.find(":  / "), std::string::npos);              // a line begun by a flush starts clean
 }
 
 // At most 100 records, whatever the writers do: alone, or on several threads with a reader that

@@ -228,6 +228,23 @@ TEST_F(ExchangeTest, BurstFramesReachEveryApplicationThatAsked) {
             std::make_pair(3u, Bytes{0, 0, 1, 2}));
 }
 
+// A device that never answers while another bursts: each burst frame that comes in place of the
+// reply costs a try, and the request still ends after its last with the failure notice.
+TEST_F(ExchangeTest, BurstFramesDoNotKeepARequestAlive) {
+  Port().nRetries = 2;
+  AutoReply([](const Bytes &) { return ShortResponse(1, 3, {0x00, 0x00, 0x01}, true, 5, true); });
+  ASSERT_TRUE(AwaitState(macLineFree, 400));
+  line_->ClearRecord();
+  Send(1);
+  ASSERT_TRUE(RunUntil([&] { return !Notices(kReplyMsg).empty(); }, 10000));
+  RunFor(2000);
+  unsigned int sent = 0;
+  for (const MemoryLine::Event &event : line_->Record())
+    sent += event.kind == Kind::kRts && event.end == MemoryLine::kMasterEnd && event.value == 1;
+  const std::vector<MSG> notices = Notices(kReplyMsg);
+  EXPECT_EQ(std::tuple(notices.size(), notices[0].lParam, sent), std::tuple(size_t{1}, 0xFFFFl, 3u));
+}
+
 TEST_F(ExchangeTest, TwoSilentRequestsAt1200BaudToggleTheRate) {
   Port().nRetries = 1;
   ASSERT_TRUE(AwaitState(macLineFree, 400));
