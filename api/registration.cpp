@@ -4,6 +4,7 @@
 
 #include "link/mac.h"
 #include "port/port_control.h"
+#include "queues/queue_clear.h"
 #include "queues/queue_guard.h"
 #include "tables/tables.h"
 
@@ -88,15 +89,13 @@ unsigned int UnRegisterApplication(unsigned int hApp) noexcept {
   fncClearQueuesOfApp(driver, hApp);
   if (!ValidDriver(driver)) return 1;
   tagCOMPORTINFO &port = ComPortTable[driver];
-  if (port.nOpenCount == 0) {
-    // Closed under it (its line went away, or CloseComPort): the remains go with the last.
-    if (AppsOnPort(driver) == 0 && PortHasRemains(driver)) ClosePortRow(driver);
-    return 1;
-  }
-  if (--port.nOpenCount > 0) return 1;
+  // A port closed under its applications (CloseComPort) counts none; it goes with the last.
+  if (port.nOpenCount != 0 && --port.nOpenCount > 0) return 1;
+  if (AppsOnPort(driver) != 0) return 1;
   ClosePortRow(driver);
-  // With the worker gone, a request whose owner left can be dropped and its row freed now.
+  // With the worker gone, requests whose owners left can be dropped and their rows freed now.
   DropAbandonedRequest(&port);
+  DropAbandonedRequests(driver);
   return 1;
 }
 

@@ -42,8 +42,13 @@ void ClearRecord(typHistoryRecord &record, bool free_objects) {
   record = typHistoryRecord{};
 }
 
+// The most a record keeps of a frame: the receiver's whole buffer. A longer length is a
+// caller's mistake, and must not turn into a huge copy.
+constexpr unsigned int kRecordedBytesMax = 512;
+
 void SetBytes(CByteArray *&array, const unsigned char *bytes, unsigned int length) {
   if (!array) array = new CByteArray;
+  if (length > kRecordedBytesMax) length = kRecordedBytesMax;
   array->SetSize(static_cast<int>(length));
   if (length != 0 && bytes) std::memcpy(array->GetData(), bytes, length);
 }

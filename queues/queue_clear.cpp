@@ -1,6 +1,8 @@
 // Clearing the queues of an application, of a port, or of burst frames. Each queue is locked in
 // turn, never two at once. The element in service belongs to the port's worker: while it runs,
 // what is to be done to that element is handed to it instead of done under its feet.
+#include "queues/queue_clear.h"
+
 #include "queues/delivery.h"
 #include "queues/queue_guard.h"
 #include "queues/worker_orders.h"
@@ -43,6 +45,18 @@ bool IsBurst(const typQueueElement &element) { return element.nServiceHandle == 
 bool WorkerRuns(unsigned int driver) { return ComPortTable[driver].bThreadRun.load() != 0; }
 
 }  // namespace
+
+void velmora::DropAbandonedRequests(unsigned int nDriverId) {
+  if (!ValidDriver(nDriverId)) return;
+  typQueue &transmit = TransmitQueues[nDriverId];
+  LockQueue(&transmit);
+  RemoveWhere(transmit, [](const typQueueElement &element) {
+    if (!ValidService(element.nServiceHandle)) return false;
+    unsigned int abandoned = 4;
+    return ServiceTable[element.nServiceHandle].nServiceState.compare_exchange_strong(abandoned, 0);
+  });
+  UnlockQueue(&transmit);
+}
 
 WorkerOrders &velmora::OrdersOf(unsigned int nDriverId) {
   static WorkerOrders orders[kPortCount];
