@@ -40,6 +40,14 @@ void FreeAbandonedRow(const typQueueElement &element) {
   ServiceTable[element.nServiceHandle].nServiceState.compare_exchange_strong(abandoned, 0);
 }
 
+// The row of a result its application has cleared away: nothing is left to fetch under it.
+void FreeResultRow(const typQueueElement &element, unsigned int hApp) {
+  if (!ValidService(element.nServiceHandle)) return;
+  tagSERVICEINFO &service = ServiceTable[element.nServiceHandle];
+  if (service.nAppHandle.load() == hApp) service.nServiceState = 0;
+  else FreeAbandonedRow(element);
+}
+
 bool IsBurst(const typQueueElement &element) { return element.nServiceHandle == kBurstService; }
 
 bool WorkerRuns(unsigned int driver) { return ComPortTable[driver].bThreadRun.load() != 0; }
@@ -108,8 +116,8 @@ unsigned int fncClearQueuesOfApp(unsigned int nDriverId, unsigned int hApp) noex
   if (ValidApp(hApp)) {
     typQueue &receive = AppReceiveQueues[hApp];
     LockQueue(&receive);
-    RemoveWhere(receive, [](const typQueueElement &element) {
-      FreeAbandonedRow(element);
+    RemoveWhere(receive, [&](const typQueueElement &element) {
+      FreeResultRow(element, hApp);
       return true;
     });
     UnlockQueue(&receive);
@@ -117,7 +125,7 @@ unsigned int fncClearQueuesOfApp(unsigned int nDriverId, unsigned int hApp) noex
   LockPendingQueue();
   RemoveWhere(ReceivePendingQueue, [&](const typQueueElement &element) {
     if (element.nAppHandle != hApp) return false;
-    FreeAbandonedRow(element);
+    FreeResultRow(element, hApp);
     return true;
   });
   UnlockPendingQueue();

@@ -141,18 +141,20 @@ class DeliveryTest : public ::testing::Test {
 unsigned int Found(const typQueueElement *e) { return e ? e->nServiceHandle : kNone; }
 
 // Port row 0 holds requests and results of kA (even services) and kB (odd ones); service row 24
-// came from another port. Row 10 is in use, the others are abandoned.
+// came from another port. Rows 10 and 20 are in use (20 a result not fetched yet), the others are
+// abandoned.
 TEST_F(DeliveryTest, SearchesAndClearingTakeOnlyTheirOwn) {
   typQueue *queues[] = {&TransmitQueues[0], &AppReceiveQueues[kA], &AppReceiveQueues[kB],
                         &ReceivePendingQueue};
   const std::vector<Words> start = {{10, 11, 12}, {20, kBurstService}, {21}, {22, kBurstService, 24}};
-  const Words kept = {1, 4, 4, 4, 4, 4};
+  const Words kept = {1, 4, 1, 4, 4, 4};
   auto fill = [&] {
     fncClearAllQueues();
     for (unsigned int q = 0; q < 4; ++q)
       for (unsigned int s : start[q]) {
         Append(*queues[q], s, s % 2 ? kB : kA, s == 24 ? 4 : 0);
-        ServiceTable[s % kServiceCount].nServiceState = s == 10 ? 1 : 4;
+        ServiceTable[s % kServiceCount].nServiceState = s == 10 || s == 20 ? 1 : 4;
+        ServiceTable[s % kServiceCount].nAppHandle = s % 2 ? kB : kA;
       }
     ComPortTable[0].pActiveElement = fncCreateQueueElement();
   };
