@@ -438,10 +438,17 @@ VELMORA_API void toSetTimeOutRcv(typTimerControlStruct *pTimer, unsigned int nCo
 VELMORA_API void toModifyTimeOut(typTimerControlStruct *pTimer, unsigned int nCode) noexcept;
 VELMORA_API unsigned int toIfTimeOut(typTimerControlStruct *pTimer) noexcept;
 
+// Opens a port for HART and starts its worker: the handle, or -1. Only 8 data bits (nDataBits 8),
+// odd parity (nParity 1) and one stop bit (nStopBits 0) are supported; anything else gives -1.
+// A port open already gives its handle again and counts one more user.
 VELMORA_API HANDLE OpenComPort(unsigned int nPort, unsigned int nBaudCode, unsigned int nDataBits,
                                unsigned int nParity, unsigned int nStopBits, HWND hHistoryWnd,
                                unsigned int nHistoryMsg) noexcept;
+// Stops the port's worker (at once; at most 5 s) and closes it for every application on it: what
+// they still wait for ends with failure notices, and the next registration opens it again.
+// 1 closed; 0 for a handle no open port has (a second close included).
 VELMORA_API unsigned int CloseComPort(HANDLE hComPort) noexcept;
+// Puts the port row's baud code into effect; the port's worker changes the line's rate.
 VELMORA_API unsigned int ComSetBaudRate(tagCOMPORTINFO *pPort) noexcept;
 // 1 taken, 0 the port is busy, -1 no port has this handle (also for -1 and over 256 bytes).
 VELMORA_API unsigned int WriteToCom(HANDLE hComPort, unsigned char *pFrame, unsigned int nLength) noexcept;
