@@ -486,6 +486,9 @@ void RunApp(unsigned int index) {
         std::shared_lock<std::shared_mutex> clearing(book.clearing);
         MarkCleared(app, port);
         fncClearQueuesOfApp(GetDriverId(hApp), hApp);
+        // The cleared results' handles are free again: their notices still waiting go now,
+        // before a new request can be given one of those handles.
+        Drain(index, hApp, window, 0);
         g_clears.fetch_add(1);
       } else if (roll < 990) {
         fncClearBurstQueue(hApp);

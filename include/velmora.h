@@ -418,6 +418,8 @@ VELMORA_API typQueueElement *fncFindTransmitApplication(unsigned int nDriverId, 
 VELMORA_API typQueueElement *fncFindReceiveApplication(unsigned int hAppQueue, unsigned int hApp) noexcept;
 VELMORA_API typQueueElement *fncAppQueueExists(unsigned int hApp) noexcept;
 VELMORA_API unsigned int fncClearAllQueues(void) noexcept;
+// Drops the application's queued requests and its results; their service handles are free again
+// and may be handed out anew, so notices of cleared results still in the window are stale.
 VELMORA_API unsigned int fncClearQueuesOfApp(unsigned int nDriverId, unsigned int hApp) noexcept;
 VELMORA_API unsigned int fncClearQueuesOfCom(unsigned int nDriverId) noexcept;
 VELMORA_API unsigned int fncClearBurstQueue(unsigned int hApp) noexcept;
@@ -511,6 +513,8 @@ VELMORA_API CString SimpleHexDump(unsigned char *pBuffer, unsigned int nLength) 
 // Data syntax language.
 VELMORA_API void DataSyntaxToBuffer(CString &sSyntax, CByteArray *pLongAddress, unsigned char nPollAddress,
                                     CString &sResult) noexcept;
+// Writes one byte per comma-separated piece of sNumbers: pBuffer must hold that many, which is at
+// most the text's length plus one. Nothing checks it.
 VELMORA_API void NumStrToBuffer(CString &sNumbers, unsigned char *pBuffer, unsigned int *pnLength) noexcept;
 
 // Unit and manufacturer names ("unknown" for codes without a name).
