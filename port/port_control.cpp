@@ -15,6 +15,8 @@
 namespace velmora {
 namespace {
 
+constexpr unsigned int kRateChangeBoundMs = 1000;
+
 HANDLE HandleOf(const platform::SerialLine *line) {
   return reinterpret_cast<HANDLE>(const_cast<platform::SerialLine *>(line));
 }
@@ -186,8 +188,12 @@ unsigned int ComSetBaudRate(tagCOMPORTINFO *pPort) noexcept {
   // The line belongs to its worker: the worker changes the rate when it wakes. Without one (a
   // port opened for a test that runs the passes itself) it is changed here.
   if (pPort->bThreadRun.load() != 0) {
-    RuntimeOf(row).rate_changed = true;
+    // The rate is in effect when this returns: the worker takes the order at once.
+    PortRuntime &runtime = RuntimeOf(row);
+    runtime.rate_changed = true;
     WakePort(row);
+    const uint64_t end = platform::os::MonotonicMicros() + kRateChangeBoundMs * 1000u;
+    while (runtime.rate_changed.load() && platform::os::MonotonicMicros() < end) platform::os::SleepMicros(100);
   } else if (platform::SerialLine *line = LineOf(*pPort)) {
     const unsigned int rate = BaudRateOf(pPort->nBaudCode.load());
     if (line->Baud() != rate) line->SetBaud(rate);

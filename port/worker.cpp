@@ -372,9 +372,10 @@ void ServiceWake(tagCOMPORTINFO *pPort) {
   PortRuntime &runtime = RuntimeOf(*pPort);
   WakeupOf(DriverOf(*pPort)).Take();
   CarryOutOrders(pPort);
-  if (runtime.rate_changed.exchange(false) && runtime.line && !runtime.lost) {
+  if (runtime.rate_changed.load()) {
     const unsigned int rate = BaudOf(pPort->nBaudCode.load());
-    if (runtime.line->Baud() != rate) runtime.line->SetBaud(rate);
+    if (runtime.line && !runtime.lost && runtime.line->Baud() != rate) runtime.line->SetBaud(rate);
+    runtime.rate_changed = false;  // after the change: the application waits for it
   }
   const uint64_t now_us = platform::NowMicros();
   pPort->pTimer->tNow = static_cast<uint32_t>(now_us / kUsPerMs);

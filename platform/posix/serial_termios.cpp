@@ -99,7 +99,9 @@ class TermiosLine final : public SerialLine {
   uint64_t DoDrainedByUs() override {
     const uint64_t now = NowMicros();
     int queued = 0;
-    if (ioctl(fd_, TIOCOUTQ, &queued) != 0 || queued <= 0) return now;
+    // Drained at some moment not known: "earlier", so that a worker that looks late counts its
+    // tail from when it should have looked, not from now.
+    if (ioctl(fd_, TIOCOUTQ, &queued) != 0 || queued <= 0) return 0;
     const uint32_t baud = Baud() ? Baud() : 1200;
     return now + static_cast<uint64_t>(queued) * 11u * 1000000u / baud;
   }
