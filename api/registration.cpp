@@ -100,6 +100,7 @@ unsigned int UnRegisterApplication(unsigned int hApp) noexcept {
 }
 
 unsigned int RegisterLLMonitor(unsigned int hApp, HWND hWnd, unsigned int nMsg) noexcept {
+  std::lock_guard<std::mutex> lock(RegistrationMutex());
   if (!AppInUse(hApp)) return 0;
   tagCOMPORTINFO &port = PortOfApp(hApp);
   // First come: the message word is claimed in one step, then the window follows.
@@ -110,10 +111,11 @@ unsigned int RegisterLLMonitor(unsigned int hApp, HWND hWnd, unsigned int nMsg) 
 }
 
 unsigned int UnRegisterLLMonitor(unsigned int hApp) noexcept {
+  std::lock_guard<std::mutex> lock(RegistrationMutex());
   if (!AppInUse(hApp)) return 0;
   tagCOMPORTINFO &port = PortOfApp(hApp);
-  // The window goes first and the message last: a registration can only claim the monitor
-  // once it is free, and then its window is not cleared behind it.
+  // Serialised with registration; the window still goes first and the message last, for a
+  // client that claims the monitor through the row pointer.
   port.hMonitorWnd = nullptr;
   port.nMonitorMsg = 0;
   return 1;
