@@ -51,8 +51,8 @@ namespace {
 
 // The library's entry and exit. The tables are constant-initialised, so nothing here depends on
 // the order of other initialisers.
-__attribute__((constructor)) void LoadLibrary() { TheDriverApp().InitInstance(); }
-__attribute__((destructor)) void UnloadLibrary() { TheDriverApp().ExitInstance(); }
+__attribute__((constructor)) void OnLoad() { TheDriverApp().InitInstance(); }
+__attribute__((destructor)) void OnUnload() { TheDriverApp().ExitInstance(); }
 
 }  // namespace
 

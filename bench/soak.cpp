@@ -9,7 +9,7 @@
 // and at the end that every table row and queue is free again. Exit code 1 on any violation.
 //
 // Usage: soak [--seed N] [--seconds N] [--ports N] [--threads N] [--baud 1200|9600|19200]
-//             [--sim PATH] [--margin MS] [--clear-port] [--verbose]
+//             [--sim PATH] [--margin MS] [--transcripts DIR] [--clear-port] [--verbose]
 #include <dirent.h>
 #include <fcntl.h>
 #include <malloc.h>
@@ -69,6 +69,7 @@ struct Options {
   std::string sim;
   int64_t margin_ms = 1000;  // scheduling on a loaded machine, the quiet after a port opens
   bool clear_port = false, verbose = false;
+  std::string transcripts;  // a folder: each simulator's transcript goes there, to explain a late
 } opt;
 
 int64_t NowMs() {
@@ -220,6 +221,11 @@ bool StartDevice(int port, std::mt19937_64 &rng) {
                                    "--seed", std::to_string(rng() & 0xFFFFFF)};
   std::vector<std::string> faults = DrawFaults(rng);
   args.insert(args.end(), faults.begin(), faults.end());
+  if (!opt.transcripts.empty()) {
+    static std::atomic<unsigned int> started{0};
+    args.push_back("--transcript=" + opt.transcripts + "/port" + std::to_string(port) + "-" +
+                   std::to_string(started.fetch_add(1)) + ".txt");
+  }
   std::vector<char *> argv;
   for (std::string &arg : args) argv.push_back(arg.data());
   argv.push_back(nullptr);
@@ -378,8 +384,10 @@ void TakeNotice(unsigned int index, unsigned int hApp, const MSG &msg) {
     Max(g_max_ratio_permille, latency * 1000 / bound);
     if (latency > bound && !request.late)
       Violation(LateKind(request.port, request),
-                "app %u port %u hServ %u: notice after %lld ms, bound %lld ms (%u ahead)", index, request.port, hServ,
-                static_cast<long long>(latency), static_cast<long long>(bound), request.ahead);
+                "app %u port %u hServ %u: notice after %lld ms, bound %lld ms (%u ahead), accepted at %lld ms; "
+                "device: %s",
+                index, request.port, hServ, static_cast<long long>(latency), static_cast<long long>(bound),
+                request.ahead, static_cast<long long>(request.accept_ms), FaultsOf(request.port).c_str());
   }
   Forget(app, it);
 }
@@ -637,6 +645,8 @@ bool ParseArgs(int argc, char **argv) {
       opt.margin_ms = number;
     else if (arg == "--sim")
       opt.sim = value;
+    else if (arg == "--transcripts")
+      opt.transcripts = value;
     else
       return false;
   }
@@ -649,7 +659,7 @@ int main(int argc, char **argv) {
   if (!ParseArgs(argc, argv)) {
     std::fprintf(stderr,
                  "usage: soak [--seed N] [--seconds N] [--ports N] [--threads N] [--baud 1200|9600|19200]\n"
-                 "            [--sim PATH] [--margin MS] [--clear-port] [--verbose]\n");
+                 "            [--sim PATH] [--margin MS] [--transcripts DIR] [--clear-port] [--verbose]\n");
     return 2;
   }
   if (opt.sim.empty()) {

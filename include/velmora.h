@@ -25,21 +25,37 @@
 
 #include "velmora_strings.h"
 
+#if defined(_WIN32)
+// On Windows the window types and messages are the system's own: a client passes any window it
+// owns (a message-only one serves a console program), and notices arrive through its message
+// queue. The exports are listed in the DLL's .def file.
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <windows.h>
+#define VELMORA_API
+#else
 #if defined(VELMORA_BUILDING)
 #define VELMORA_API __attribute__((visibility("default")))
 #else
 #define VELMORA_API
 #endif
+#endif
 
 // ---------------------------------------------------------------------------------------------
 // Basic types. u32 is unsigned int; pointer-sized where a pointer or handle is carried.
+#if !defined(_WIN32)
 typedef unsigned int UINT;
 typedef int BOOL;
 typedef std::uintptr_t WPARAM;
 typedef std::intptr_t LPARAM;
 typedef void *HANDLE;
 typedef struct VelmoraNoticeWindow *HWND;  // opaque; made by CreateNoticeWindow
-struct CWinThread;                          // opaque: a port's worker thread
+#endif
+struct CWinThread;  // opaque: a port's worker thread
 
 #define VELMORA_INVALID_HANDLE (reinterpret_cast<HANDLE>(~static_cast<std::uintptr_t>(0)))
 #define VELMORA_NONE 0xFFFFFFFFu    // -1 in a u32 handle or result
@@ -51,6 +67,7 @@ struct CWinThread;                          // opaque: a port's worker thread
 // failure notice, the port reads closed, and a new registration opens it again.
 #define VELMORA_LINK_LOST 5u
 
+#if !defined(_WIN32)
 // A posted notice.
 struct MSG {
   HWND hwnd;
@@ -70,6 +87,7 @@ struct OVERLAPPED {
   unsigned int OffsetHigh;
   HANDLE hEvent;
 };
+#endif
 
 typedef std::atomic<unsigned int> VelmoraWord;  // a 32-bit word shared between threads
 
@@ -301,21 +319,29 @@ typedef void (*VelmoraSimResponseFn)(const unsigned char *pRequest, unsigned int
 extern "C" {
 
 // ---------------------------------------------------------------------------------------------
-// Notice windows. A window is a mailbox owned by the client. Posting never blocks; it fails for
-// a null or destroyed window and when 10,000 notices wait. A monitor notice carries a
-// CByteArray* in lParam that the receiver must delete.
+// Notice windows. A monitor notice carries a CByteArray* in lParam that the receiver must delete.
+// On POSIX a window is a mailbox owned by the client. Posting never blocks; it fails for a null
+// or destroyed window and when 10,000 notices wait.
+// On Windows a notice window is a message-only window of the calling thread, and notices are
+// that thread's messages: fetch them on it (GetMessageTimeout, or the system's own calls), and
+// destroy the window on it. Any other window of the client serves as well.
 VELMORA_API HWND CreateNoticeWindow(void) noexcept;
 VELMORA_API void DestroyNoticeWindow(HWND hWnd) noexcept;  // pending notices are dropped
+#if !defined(_WIN32)
 VELMORA_API BOOL PostMessageA(HWND hWnd, UINT nMsg, WPARAM wParam, LPARAM lParam) noexcept;
 // Filter nMin..nMax (both 0: any message). nRemove: PM_REMOVE or PM_NOREMOVE. Never blocks.
 VELMORA_API BOOL PeekMessageA(MSG *pMsg, HWND hWnd, UINT nMin, UINT nMax, UINT nRemove) noexcept;
+#endif
 // Waits up to nTimeoutMs for a notice and removes it. 0 on time-out or a bad window.
 VELMORA_API BOOL GetMessageTimeout(MSG *pMsg, HWND hWnd, unsigned int nTimeoutMs) noexcept;
-// A descriptor that polls readable while notices wait; -1 for a bad window.
+// A descriptor that polls readable while notices wait; -1 for a bad window, and always on
+// Windows, where MsgWaitForMultipleObjects waits for the thread's messages.
 VELMORA_API int GetNoticeWindowFd(HWND hWnd) noexcept;
 
 // Maps port nPort (1..32) to a device path, or to "mem:NAME" for an in-memory line. Null or
-// empty restores the default /dev/ttyS<nPort-1>. Read at the port's next open. 1 done, 0 bad port.
+// empty restores the default: /dev/ttyS<nPort-1> on POSIX, COM<nPort> on Windows (where a name
+// without a backslash is opened as \\.\NAME, so that COM10 and above work). Read at the port's
+// next open. 1 done, 0 bad port.
 VELMORA_API unsigned int SetComPortDevice(unsigned int nPort, const char *szDevice) noexcept;
 // Installs (or with null removes) the simulated-response hook for all ports.
 VELMORA_API void SetSimResponseHook(VelmoraSimResponseFn pfnHook) noexcept;

@@ -28,7 +28,7 @@ std::string PortDeviceName(unsigned int nPort) {
   std::lock_guard<std::mutex> lock(names.mutex);
   const std::string &mapped = names.names[nPort - 1];
   if (!mapped.empty()) return mapped;
-  return "/dev/ttyS" + std::to_string(nPort - 1);
+  return os::DefaultPortDeviceName(nPort);
 }
 
 }  // namespace velmora::platform

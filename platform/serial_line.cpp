@@ -49,7 +49,7 @@ OpenedLine OpenSerialLine(const std::string &device) {
   static const std::string kMemoryPrefix = "mem:";
   if (device.compare(0, kMemoryPrefix.size(), kMemoryPrefix) == 0)
     return MemoryLine::OpenByName(device.substr(kMemoryPrefix.size()));
-  return os::OpenTermiosLine(device);
+  return os::OpenOsLine(device);
 }
 
 }  // namespace velmora::platform

@@ -83,7 +83,8 @@ struct OpenedLine {
 OpenedLine OpenSerialLine(const std::string &device);
 
 namespace os {
-OpenedLine OpenTermiosLine(const std::string &path);
+// The OS backend: termios on POSIX, the Win32 communications calls on Windows.
+OpenedLine OpenOsLine(const std::string &path);
 }
 
 }  // namespace velmora::platform

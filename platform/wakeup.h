@@ -24,8 +24,13 @@ class Wakeup {
   bool Take();
   // True if raised; leaves it raised.
   bool Raised();
+#if defined(_WIN32)
+  // A manual-reset event, signalled while raised; null if the OS gave none.
+  void *Event() const { return event_; }
+#else
   // Readable while raised; -1 if the OS gave no descriptor.
   int Fd() const { return fd_; }
+#endif
 
   // For in-memory lines: wakes a Sleep without raising.
   void Nudge();
@@ -37,8 +42,12 @@ class Wakeup {
   std::condition_variable cv_;
   bool raised_ = false;
   bool nudged_ = false;
+#if defined(_WIN32)
+  void *event_ = nullptr;
+#else
   std::atomic<bool> fd_set_{false};
   int fd_ = -1;
+#endif
 };
 
 }  // namespace velmora::platform

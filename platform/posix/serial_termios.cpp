@@ -132,7 +132,7 @@ class TermiosLine final : public SerialLine {
 
 }  // namespace
 
-OpenedLine OpenTermiosLine(const std::string &path) {
+OpenedLine OpenOsLine(const std::string &path) {
   int fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) {
     int error = errno;

@@ -1,5 +1,5 @@
 // WakeSignal on POSIX: a non-blocking pipe holding one byte while raised.
-#include "platform/wake_signal.h"
+#include "platform/posix/wake_signal.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
 // A descriptor that polls readable while a mailbox holds notices.
-#ifndef VELMORA_PLATFORM_WAKE_SIGNAL_H
-#define VELMORA_PLATFORM_WAKE_SIGNAL_H
+#ifndef VELMORA_PLATFORM_POSIX_WAKE_SIGNAL_H
+#define VELMORA_PLATFORM_POSIX_WAKE_SIGNAL_H
 
 namespace velmora::platform {
 

@@ -1,9 +1,7 @@
-// The notice API: post never blocks; peek, wait with time-out, and a pollable descriptor.
+// The notice API on POSIX, where a window is a mailbox: post never blocks; peek, wait with time-out, and a pollable descriptor.
 //
 // Handles are numbers that are never reused, looked up in a registry, so that a post to a
 // destroyed window fails cleanly instead of touching freed memory.
-#include "platform/notice_box.h"
-
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -12,11 +10,13 @@
 #include <unordered_map>
 
 #include "platform/clock.h"
-#include "platform/wake_signal.h"
+#include "platform/posix/wake_signal.h"
 #include "velmora.h"
 
 namespace velmora::platform {
 namespace {
+
+constexpr size_t kMailboxLimit = 10000;  // notices a window holds before posts fail
 
 struct Mailbox {
   std::mutex mutex;
@@ -51,14 +51,6 @@ bool Matches(const MSG &msg, UINT min, UINT max) {
 }
 
 }  // namespace
-
-size_t PendingNotices(void *window) {
-  std::shared_ptr<Mailbox> box = Lookup(static_cast<HWND>(window));
-  if (!box) return 0;
-  std::lock_guard<std::mutex> lock(box->mutex);
-  return box->notices.size();
-}
-
 }  // namespace velmora::platform
 
 using velmora::platform::Lookup;
