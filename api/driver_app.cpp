@@ -1,6 +1,7 @@
 // Load and unload: the tables get their start values before any client call can reach them.
 #include "api/driver_app.h"
 
+#include "platform/thread.h"
 #include "port/port_control.h"
 #include "tables/tables.h"
 #include "velmora.h"
@@ -41,8 +42,9 @@ int CDriverApp::InitInstance() {
 }
 
 int CDriverApp::ExitInstance() {
-  // A worker must not run on once the library's code is gone.
-  StopAllPorts();
+  // A worker must not run on once the library's code is gone. At process exit on Windows the
+  // workers have been ended already, perhaps holding a lock: then there is nothing to stop.
+  if (!platform::ProcessExiting()) StopAllPorts();
   FlushHistory();
   return 1;
 }

@@ -21,6 +21,10 @@ class Thread {
 // thread could be started at all.
 std::unique_ptr<Thread> StartThread(void (*fn)(void *), void *arg);
 
+// True while the process is ending with the library loaded (Windows: the DLL's detach at process
+// exit). Every other thread has been ended by then, perhaps inside a lock: nothing may wait.
+bool ProcessExiting();
+
 }  // namespace velmora::platform
 
 #endif

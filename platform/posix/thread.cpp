@@ -72,4 +72,7 @@ std::unique_ptr<Thread> StartThread(void (*fn)(void *), void *arg) {
   return std::unique_ptr<Thread>(new (std::nothrow) PosixThread(handle, real_time));
 }
 
+// A shared object's destructors run while the process's threads still run: stop them as usual.
+bool ProcessExiting() { return false; }
+
 }  // namespace velmora::platform

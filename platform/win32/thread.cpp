@@ -4,12 +4,15 @@
 #include <process.h>
 #include <timeapi.h>
 
+#include <atomic>
 #include <new>
 
 #include "platform/thread.h"
 
 namespace velmora::platform {
 namespace {
+
+std::atomic<bool> g_process_exiting{false};
 
 class Win32Thread final : public Thread {
  public:
@@ -73,4 +76,13 @@ std::unique_ptr<Thread> StartThread(void (*fn)(void *), void *arg) {
   return std::unique_ptr<Thread>(thread);
 }
 
+bool ProcessExiting() { return g_process_exiting.load(); }
+
 }  // namespace velmora::platform
+
+// The DLL's entry. The runtime calls it before it runs the library's destructors, so they know
+// whether the process is ending (threads already gone) or the DLL is being unloaded.
+extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID reserved) {
+  if (reason == DLL_PROCESS_DETACH && reserved != nullptr) velmora::platform::g_process_exiting = true;
+  return TRUE;
+}
