@@ -101,10 +101,15 @@ class CommLine final : public SerialLine {
     return status.cbInQue;
   }
   int32_t DoRead(uint8_t *buffer, uint32_t max) override {
+    // Only what has arrived: some drivers (Wine's among them) let an overlapped read of an empty
+    // queue wait for the first byte despite the time-outs above.
+    const uint32_t waiting = DoBytesWaiting();
+    if (Lost()) return -1;
+    if (waiting == 0) return 0;
     DWORD got = 0;
     ResetEvent(read_.hEvent);
-    if (!ReadFile(handle_, buffer, max, &got, &read_)) {
-      // With the time-outs above the read completes at once; the wait only collects it.
+    if (!ReadFile(handle_, buffer, std::min(max, waiting), &got, &read_)) {
+      // The bytes are there: a pending read completes at once, and the wait only collects it.
       if (GetLastError() != ERROR_IO_PENDING || !GetOverlappedResult(handle_, &read_, &got, TRUE)) {
         FailLost();
         return -1;
