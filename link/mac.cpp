@@ -248,13 +248,19 @@ unsigned int Step(tagCOMPORTINFO *port, unsigned int state, unsigned int event) 
       return state;
 
     case macPeerReplyRunning:
+      // Each chunk restarts the idle time-out, so that it runs out only after quiet of its whole
+      // length since the last byte.
+      if (event == evBytesRead) {
+        ArmIdleTimeOut(port);
+        return state;
+      }
       if (event == evTimeOut) {
-        // The reply was cut off and the line went quiet: wait for quiet again, rather than
-        // stay here until some later frame ends.
+        // The reply was cut off (it never ends as a frame) and the line has been quiet for the
+        // idle time-out since: the line is free. Waiting for quiet once more would let another
+        // master that polls faster than twice the time-out keep this one off the line for good.
         TimeOutNotice(port);
         ResetRxFrame(port);
-        ArmIdleTimeOut(port);
-        return macWaitQuiet;
+        return ActB(port);
       }
       if (event == evFrameDone) {
         Monitor(port);
