@@ -103,9 +103,7 @@ TEST(StressTest, ManyApplicationsOnEightPorts) {
   EXPECT_EQ(tally.sent, tally.received + tally.abandoned);
   for (const tagAPPINFO &app : AppTable) EXPECT_EQ(app.bInUse.load(), 0u);
   for (const tagCOMPORTINFO &port : ComPortTable) EXPECT_EQ(port.hComPort.load(), NoHandle());
-  unsigned int taken = 0;
-  for (const tagSERVICEINFO &service : ServiceTable) taken += service.nServiceState.load() != 0;
-  EXPECT_EQ(taken, 0u);
+  EXPECT_EQ(TakenServiceRows(), 0u);
   devices.clear();
   for (unsigned int port = 1; port <= kPorts; ++port) SetComPortDevice(port, nullptr);
   ResetDriverTables();

@@ -129,8 +129,6 @@ TEST(MemoryLineTest, PacesElevenBitsACharacterInVirtualTime) {
   clock.AdvanceMs(7000);
   for (int32_t n; (n = master->Read(chunk, sizeof chunk)) > 0;) got.insert(got.end(), chunk, chunk + n);
   EXPECT_EQ(got, stream);
-  master->SetRts(true);
-  EXPECT_TRUE(line->Rts(MemoryLine::kMasterEnd));
 }
 
 // Notice windows as a client uses them.

@@ -97,10 +97,8 @@ TEST(QueueTest, ElementDataComesOutWholeOrBehindTheStatus) {
     const unsigned int got = hart ? fncGetQueueElementHartData(e, to, &n) : fncGetQueueElementData(e, to, &n);
     EXPECT_EQ(Words({got, n, out[0]}), (Words{result, length_out, first}));
   }
-  unsigned int n = 0;
-  EXPECT_EQ(Words({fncGetQueueElementData(e, out, nullptr), fncGetQueueElementHartData(nullptr, out, &n),
-                   fncCopyQueueElement(nullptr, e), fncCopyQueueElement(e, e)}),
-            (Words{0, 0, 0, 1}));
+  // No length out; a copy onto itself (null elements: bad_input_test).
+  EXPECT_EQ(Words({fncGetQueueElementData(e, out, nullptr), fncCopyQueueElement(e, e)}), (Words{0, 1}));
   fncDestroyQueueElement(e);
 }
 

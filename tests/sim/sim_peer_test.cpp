@@ -175,6 +175,21 @@ TEST(SimPeer, PacesRepliesAndSpoilsThemAsEachFaultOptionSays) {
   }
 }
 
+// Burst mode, unasked: short frames of command 1 to the primary master and the secondary in turn,
+// each a period after the one before, or later when the quiet after a frame (75 ms) ends later.
+TEST(SimPeer, BurstsAlternateMastersEveryPeriod) {
+  for (const auto &[period, gap_us] : {std::pair{"period=300,short", 300000u}, {"period=200,short", 231000u}}) {
+    Bench bench({"--burst", period});
+    std::vector<uint64_t> starts;
+    const std::string frames = bench.Collect(2 * gap_us / 1000 + 160, &starts);
+    ASSERT_EQ(starts.size(), 3 * 17u) << frames;
+    EXPECT_EQ(std::pair(starts[17] - starts[0], starts[34] - starts[0]), std::pair(gap_us + 0ul, 2ul * gap_us));
+    if (gap_us != 300000) continue;
+    EXPECT_EQ(frames, "FF FF FF FF FF 01 C0 01 07 00 20 0C 42 BF 56 FA BA FF FF FF FF FF 01 40 01 07 00 20 0C 42 "
+                      "BF 2F DD 64 FF FF FF FF FF 01 C0 01 07 00 20 0C 42 BF 0A FA E6");
+  }
+}
+
 // What the transcript records of a reply with a fault, a request with a bad checksum and one
 // for nobody: time in ms (last byte heard, or first byte sent), kind, bytes, note.
 TEST(SimPeer, TranscriptLines) {

@@ -34,15 +34,10 @@ TEST(SimProgram, EchoesAndAnswersOverAPseudoTerminal) {
   ASSERT_EQ(opened.line->Write(want.data(), 10), 10);
   Bytes got;
   uint64_t last_us = 0;
-  while (got.size() < want.size() && platform::NowMicros() < sent_us + 3000000) {
-    uint8_t buffer[64];
-    int32_t n = opened.line->Read(buffer, sizeof buffer);
-    if (n > 0) {
-      got.insert(got.end(), buffer, buffer + n);
-      last_us = platform::NowMicros();
-    }
-    platform::os::SleepMicros(1000);
-  }
+  for (uint8_t chunk[64]; got.size() < want.size() && platform::NowMicros() < sent_us + 3000000;
+       platform::os::SleepMicros(1000))
+    for (int32_t n; (n = opened.line->Read(chunk, sizeof chunk)) > 0; last_us = platform::NowMicros())
+      got.insert(got.end(), chunk, chunk + n);
   EXPECT_EQ(got, want);
   // The request's 10 characters, the turnaround and the reply's 34 characters at 1200 baud take
   // at least this long; real time can only add to it.
@@ -55,10 +50,9 @@ TEST(SimProgram, EchoesAndAnswersOverAPseudoTerminal) {
   std::string text{std::istreambuf_iterator<char>(in), {}};
   EXPECT_NE(text.find(" ms  heard   02 81 00 00 83  | short request cmd 0 primary\n"), std::string::npos)
       << text;
-  EXPECT_NE(
-      text.find(" ms  reply   FF FF FF FF FF 06 81 00 18 00 28 FE 60 1A 05 07 01 01 08 00 5A 00 02 05 03 00 "
-                "00 00 00 60 00 60 01 66  | device 1 cmd 0 rc 0\n"),
-      std::string::npos);
+  EXPECT_NE(text.find(" ms  reply   FF FF FF FF FF 06 81 00 18 00 28 FE 60 1A 05 07 01 01 08 00 5A 00 02 05 03 "
+                      "00 00 00 00 60 00 60 01 66  | device 1 cmd 0 rc 0\n"),
+            std::string::npos);
   std::remove(log.c_str());
 }
 

@@ -65,6 +65,11 @@ void ResetDriverTables() {
   FlushHistory();
 }
 
+unsigned int TakenServiceRows() {
+  return static_cast<unsigned int>(std::count_if(std::begin(ServiceTable), std::end(ServiceTable),
+                                                 [](const tagSERVICEINFO &s) { return s.nServiceState.load() != 0; }));
+}
+
 tagCOMPORTINFO &LinkFixture::Port() { return ComPortTable[kPort - 1]; }
 
 void LinkFixture::OpenAt(unsigned int baud_code) {

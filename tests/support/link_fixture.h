@@ -28,6 +28,8 @@ std::vector<MSG> Drain(HWND window);
 
 // Puts every row the tests touch back to its start value.
 void ResetDriverTables();
+// Service rows not free.
+unsigned int TakenServiceRows();
 
 class LinkFixture : public ::testing::Test {
  protected:
