@@ -134,9 +134,9 @@ class RegistrationTest : public ::testing::Test {
     for (unsigned int port : {1u, 5u, 32u}) SetComPortDevice(port, nullptr);
     DestroyNoticeWindow(window_);
   }
-  // The row registered, or kNone; the result agrees with the row.
-  unsigned int Register(unsigned int port, unsigned int baud = 0) {
-    tagHARTREGISTRATION registration{window_, port, baud, 0, 0x500, 0, 9};
+  // The row registered, or kNone; the result agrees with the row. Without a window the client polls.
+  unsigned int Register(unsigned int port, unsigned int baud = 0, bool windowed = true) {
+    tagHARTREGISTRATION registration{windowed ? window_ : nullptr, port, baud, 0, 0x500, 0, 9};
     unsigned int hApp = 12345;
     const unsigned int result = HART_RegisterDriver(&registration, &hApp);
     EXPECT_EQ(result, hApp != kNone ? 1u : 0u);
@@ -262,16 +262,22 @@ TEST_F(RegistrationTest, BadInputFailsCleanly) {
   EXPECT_EQ(Fetch(live, Send(live)), 128u);
 }
 
-// The accessors read the registered row and its port's (out of range: bad_input_test); a later
+// The accessors read the registered row and its port's (out of range: BadInputFailsCleanly); a later
 // registration with a history window takes the port's history over; the exports kept for older
 // clients answer 1 for a registered application, whatever else they are given, and 0 otherwise.
 TEST_F(RegistrationTest, AccessorsAndExportsKeptForOlderClients) {
   const unsigned int a = Register(32, 2);
   auto P = [](const void *pointer) { return reinterpret_cast<std::uintptr_t>(pointer); };
-  EXPECT_EQ(Words({P(GetAppInfo(a)), GetAppKey(a), P(GetAppReceiveQueue(a)), P(GetApphWnd(a)),
-                   P(GetComPortHandle(a)), P(GetComPortInfo(a)), GetDriverId(a), P(GetServiceInfo(kServiceCount - 1))}),
-            (Words{P(&AppTable[a]), 9, P(&AppReceiveQueues[a]), P(window_), P(ComPortTable[31].hComPort.load()),
+  AppTable[a].nBurstAppKey = 4;
+  EXPECT_EQ(Words({P(GetAppInfo(a)), GetAppKey(a), P(GetAppReceiveQueue(a)), P(GetApphWnd(a)), GetBurstAppKey(a),
+                   GetRepeatIfBusy(a), P(GetComPortHandle(a)), P(GetComPortInfo(a)), GetDriverId(a),
+                   P(GetServiceInfo(kServiceCount - 1))}),
+            (Words{P(&AppTable[a]), 9, P(&AppReceiveQueues[a]), P(window_), 4, 0, P(ComPortTable[31].hComPort.load()),
                    P(&ComPortTable[31]), 31, P(&ServiceTable[kServiceCount - 1])}));
+  // The line monitor: the first to ask gets it, until it gives it up.
+  EXPECT_EQ(Words({RegisterLLMonitor(a, window_, 0x700), RegisterLLMonitor(a, window_, 0x701), UnRegisterLLMonitor(a),
+                   ComPortTable[31].nMonitorMsg.load(), P(ComPortTable[31].hMonitorWnd.load())}),
+            (Words{1, 0, 1, 0, 0}));
   tagHARTREGISTRATION second{window_, 32, 2, 0, 0x500, 0x600, 3};
   unsigned int b = kNone;
   EXPECT_EQ(Words({HART_RegisterDriver(&second, &b), ComPortTable[31].nHistoryMsg.load(),
@@ -286,15 +292,17 @@ TEST_F(RegistrationTest, AccessorsAndExportsKeptForOlderClients) {
 }
 
 // CloseComPort under registered applications: what they wait for fails, the row reads closed
-// for good, and the next registration opens the port again with a worker, counting everyone.
+// for good, and the next registration opens the port again with a worker, counting everyone. The
+// first application has no window and polls; a third leaves while the port reads closed.
 TEST_F(RegistrationTest, PortClosedUnderItsApplications) {
-  const unsigned int first = Register(1, 2);
+  const unsigned int first = Register(1, 2, false), third = Register(1, 2);
   Port1().nRetries = 5;  // still trying when the port closes
   const unsigned int pending = Send(first);
   HANDLE handle = Port1().hComPort.load();
   unsigned char frame[8] = {};
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   ASSERT_EQ(CloseComPort(handle), 1u);
+  ASSERT_EQ(HART_UnRegisterDriver(third), 1u);
   EXPECT_EQ(std::tuple(Serving(), CloseComPort(handle), WriteToCom(handle, frame, 8), Send(first)),
             std::tuple(false, 0u, kNone, kNone));
   EXPECT_EQ(Fetch(first, pending), 128u);

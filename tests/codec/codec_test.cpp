@@ -153,7 +153,8 @@ TEST(CodecTextTest, InputGivesText) {
       {big.substr(big.size() - 106), "F0_>F0,F1,F2,F3,F4,F5,F6,F7,F8,F9,FA,FB,FC,FD,FE,FF\r\n"
                                      "00_>00,01,02,03,04,05,06,07,08,09,0A,0B,0C,0D,0E,0F\r\n"},
       {Read(three.substr(three.find("00_>"))), "01 02 03"}, {Read("AA,BB\r\n10_>CC,DD"), "AA BB CC DD"},
-      {Read("00,FF,100"), "00 FF 00"}, {Read("AA,,BB"), "AA"}, {Read(""), ""}, {Read("_>05,06"), "05 06"}});
+      {Read("00,FF,100"), "00 FF 00"}, {Read("AA,,BB"), "AA"}, {Read(""), ""}, {Read("_>05,06"), "05 06"},
+      {Read(",AA,"), "AA"}, {Read("  "), ""}, {Read("AA,"), "AA"}});
 }
 
 // A line compiled without an address head, behind the long address 11..55 (poll address 3), or
@@ -200,7 +201,8 @@ TEST(CodecTextTest, DataSyntaxGivesBytes) {
       {Line("-1*DEC8,1"), "not valid !"}, {Line("2*FLOAT,1"), "3F 80 00 00"}, {Line("DEC,1"), "01"},
       {Line("2*PCA3,A"), "05 F7 DF"}, {Line("PCA,1"), "01"}, {Line("1,,2"), "01 02"}, {Line("DEC8"), "00"},
       {Line("STR3, a"), "20 61 5F"}, {Line("PCA3,a b"), "06 00 9F"}, {Line("FOO"), "not valid !"},
-      {Line("DECIMAL,7"), "07"}, {Line("FLOAT"), "00 00 00 00"}, {Line("STR2"), "5F 5F"},
+      {Line("DECIMAL,7"), "07"}, {Line("FLOAT"), "00 00 00 00"}, {Line("STR2"), "5F 5F"}, {Line("STR0,a,1"), "01"},
+      {Line("PCA0,a,1"), "01"}, {Line("FOOD,1"), "01"},
       {Line("300*255"), Repeat("FF", 256)}, {Line("STR999,a"), "61 " + Repeat("5F", 255)},
       {Line("STR250,a,PCA9,b,1000*DEC32,7"), "61 " + Repeat("5F", 249) + " 09 F7 DF 7D F7 DF"},
       {Numbers("0x01,0xAB"), "01 AB"}, {Numbers("10,0x10"), "0A 10"}, {Numbers("1,,2"), "01 00 02"},
@@ -309,7 +311,10 @@ TEST(FrameDumpTest, FrameGivesColumns) {
       {Data("x,DEC8X"), "???" "//0x27 0x3F 0x80 0x00 0x00"},
       {Data("x,PCA0,STR-1"), "???" "/???" "//0x27 0x3F 0x80 0x00 0x00"},
       {Data("x,STR2,BIN8,HEX16"), "'?/10000000b/0x0000"},
-      {Data("x,FLOAT,FLOAT"), "2.6576e-15/???" "//0x00"}});
+      {Data("x,FLOAT,FLOAT"), "2.6576e-15/???" "//0x00"},
+      {Data("x,DEC32,DEC16"), "658472960/???" "//0x00"}, {Data("x,DEC32,DATE"), "658472960/???" "//0x00"},
+      {Data("x,STR9"), "???" "//0x27 0x3F 0x80 0x00 0x00"}, {Data("x,PCA3"), "I3>@//0x00 0x00"},
+      {Data("x,DATE,DEC8"), "39-63-2028/0//0x00"}, {Data("x,DEC32,DEC8,DEC8"), "658472960/0"}});
 }
 
 }  // namespace

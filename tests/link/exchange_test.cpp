@@ -63,6 +63,8 @@ TEST_F(ExchangeTest, CommandZero) {
     bytes.insert(bytes.end(), reply.begin(), reply.end());
     return bytes;
   };
+  Bytes bursts = ShortResponse(0, 3, {0, 0, 1}, false, 5, true);  // two to the other master, back to back
+  bursts.insert(bursts.end(), bursts.begin(), bursts.end());
   Bytes cut_off = Frame(5, {0x02, 0x00, 0x01, 0x00});
   cut_off.insert(cut_off.end(), {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x06, 0x00, 0x01, 0x20, 0x00, 0x00});
   const Words free = {macLineFree, macFreeReplyWait, macHoldOff};  // one record closes on the way
@@ -89,6 +91,9 @@ TEST_F(ExchangeTest, CommandZero) {
       {0, 0, 2000, 82500, 104000, 0, exchange(0x00), 95, 0, 2, turn, 1, "I am primary"},
       {0, 0, 2000, 82500, 104000, 1, ShortResponse(0, 3, {0, 0, 1}, false, 5, true), 0, 0, 1,
        {macLineFree, macBurstGap, macTurnReplyWait, macHoldOff}, 1, nullptr},
+      // Burst frames to the other master while this one has nothing to send: it waits for quiet.
+      {0, 0, 2000, 82500, 104000, 1, bursts, 400, 0, 1,
+       {macLineFree, macWaitQuiet, macLineFree, macFreeReplyWait, macHoldOff}, 1, nullptr},
       {0, 0, 2000, 82500, 104000, 1, {0x11, 0x22, 0x33, 0x44, 0x55, 0x66}, 100, 1, 1,
        {macLineFree, macWaitQuiet, macLineFree, macFreeReplyWait, macHoldOff}, 1, nullptr},
       // The other master's reply is cut off (32 data bytes promised, 2 come): quiet of the idle
@@ -239,6 +244,19 @@ TEST_F(ExchangeTest, BurstFramesReachEveryApplicationThatAsked) {
   ASSERT_NE(burst, nullptr);
   EXPECT_EQ(std::make_pair(burst->nReplyCommand, Bytes(burst->pData, burst->pData + burst->nDataLen)),
             std::make_pair(3u, Bytes{0, 0, 1, 2}));
+}
+
+// The owner of the request in service leaves before the reply is in (leaving marks the row
+// abandoned): the reply is dropped unannounced and the row freed.
+TEST_F(ExchangeTest, ReplyForAnOwnerThatLeftIsDropped) {
+  AutoReply([](const Bytes &) { return kCmd0Reply; });
+  ASSERT_TRUE(AwaitState(macLineFree, 400));
+  const unsigned int hServ = Send(0);
+  ASSERT_TRUE(RunUntil([&] { return far_in_.size() == kCmd0Request.size(); }, 200));
+  ServiceTable[hServ].nServiceState = 4;
+  ASSERT_TRUE(AwaitState(macLineFree, 400));
+  EXPECT_EQ(std::tuple(Notices(kReplyMsg).size(), ServiceTable[hServ].nServiceState.load(), Receive(hServ)),
+            std::tuple(size_t{0}, 0u, std::nullopt));
 }
 
 TEST_F(ExchangeTest, TwoSilentRequestsAt1200BaudToggleTheRate) {
