@@ -1,21 +1,16 @@
 #!/usr/bin/env bash
-# The main job against the built-in simulated device: builds the library, the simulator and the
-# example client, starts velmora-sim on a pseudo-terminal, and reads the device through it.
+# The main job against the built-in simulated device: set-up, build, then the velmora tool finds
+# three simulated devices on a loop and reads one of them. Each --sim starts velmora-sim on a
+# pseudo-terminal for that command. Extra arguments go to both commands (say --baud 9600).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
 cmake -S . -B build/default -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build/default --target velmora-sim read_device -j2 >/dev/null
+cmake --build build/default --target velmora-sim velmora_cli read_device -j2 >/dev/null
 
-sim_out=$(mktemp)
-build/default/sim/velmora-sim "$@" >"$sim_out" &
-sim_pid=$!
-trap 'kill "$sim_pid" 2>/dev/null || true; wait "$sim_pid" 2>/dev/null || true; rm -f "$sim_out"' EXIT
-# The simulator prints its pseudo-terminal's path as its first line once it is ready.
-for _ in $(seq 1 100); do
-  [ -s "$sim_out" ] && break
-  sleep 0.05
-done
-pty=$(head -n 1 "$sim_out" | awk '{print $NF}')
-echo "velmora-sim is listening on $pty"
-build/default/examples/read_device "$pty"
+velmora=build/default/tools/velmora
+echo "\$ velmora scan --sim --devices 3"
+"$velmora" scan --sim --devices 3 "$@"
+echo
+echo "\$ velmora read --sim --devices 3 --address 2"
+"$velmora" read --sim --devices 3 --address 2 "$@"
