@@ -147,7 +147,7 @@ std::optional<FoundDevice> FindDevice(LineSession &session, const AddressOptions
     if (!reply.answered && error.find("no answer") == 0) error = "no device has the tag " + address.tag;
   } else {
     found.polling_address = address.polling_address.value_or(0);
-    found.target.polling_address = static_cast<uint8_t>(found.polling_address);
+    found.target.polling_address = static_cast<uint8_t>(*found.polling_address);
     reply = session.Transact(found.target, 0, {}, error);
   }
   if (!reply.answered) return std::nullopt;

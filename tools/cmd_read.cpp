@@ -73,8 +73,7 @@ void PrintVariables(const Variables &v) {
 void PrintIdentity(const FoundDevice &device, const std::optional<TagInfo> &tag) {
   const Identity &id = device.identity;
   std::printf("Device         long address %s", LongAddressText(id.long_address).c_str());
-  if (!device.target.long_frame || device.target.polling_address || device.polling_address)
-    std::printf(", polling address %u", device.polling_address);
+  if (device.polling_address) std::printf(", polling address %u", *device.polling_address);
   std::printf("\nManufacturer   %u (%s)\n", id.manufacturer, id.manufacturer_name.c_str());
   std::printf("Device type    %04X, device id %06X\n", id.device_type, id.device_id);
   std::printf("Revisions      universal %u, device %u, software %u, hardware %u\n", id.universal_revision,
@@ -92,6 +91,7 @@ nlohmann::ordered_json DeviceJson(const FoundDevice &device, const std::optional
   std::snprintf(type, sizeof type, "%04X", id.device_type);
   std::snprintf(device_id, sizeof device_id, "%06X", id.device_id);
   nlohmann::ordered_json j;
+  if (device.polling_address) j["polling_address"] = *device.polling_address;
   j["long_address"] = LongAddressText(id.long_address);
   j["manufacturer"] = {{"id", id.manufacturer}, {"name", id.manufacturer_name}};
   j["device_type"] = type;

@@ -70,7 +70,7 @@ class Line {
 // universal revision 5.
 struct FoundDevice {
   Target target;
-  unsigned int polling_address = 0;
+  std::optional<unsigned int> polling_address;  // known when found by it
   Identity identity;
 };
 std::optional<FoundDevice> FindDevice(LineSession &session, const AddressOptions &address, std::string &error);

@@ -88,7 +88,8 @@ std::string CheckPort(const Choices &c) {
 }  // namespace
 
 int main(int argc, char **argv) {
-  CLI::App app{"velmora: find, read and talk to HART field devices through a HART modem, and watch the line."};
+  CLI::App app{"velmora: find, read and talk to HART field devices through a HART modem, and watch the line.",
+               "velmora"};
   app.require_subcommand(1);
   Choices c;
 
