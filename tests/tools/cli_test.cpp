@@ -114,16 +114,17 @@ TEST(CliTest, CaptureDecodesInTsharkAsHartIpInOrder) {
   ASSERT_EQ(r.exit_code, 0) << r.err;
   r = Shell("tshark -r " + pcap +
             " -T fields -E separator=, -e ip.src -e hart_ip.message_id -e hart_ip.message_type -e hart_ip.pt.command "
-            "-e hart_ip.pt.short_addr -e hart_ip.pt.long_address -e hart_ip.pt.length");
+            "-e hart_ip.pt.short_addr -e hart_ip.pt.long_address -e hart_ip.pt.length -e hart_ip.transaction_id");
   std::remove(pcap.c_str());
   ASSERT_EQ(r.exit_code, 0) << r.err;
-  // Request and reply for each of commands 0 (short frame), 13, 3, 1 and 2 (long frames).
+  // Request and reply for each of commands 0 (short frame), 13, 3, 1 and 2 (long frames); a
+  // reply carries its request's sequence number.
   const std::string expected =
-      "192.0.2.1,3,0,0,0,,0\n192.0.2.100,3,1,0,0,,24\n"
-      "192.0.2.1,3,0,13,,a01a5a0001,0\n192.0.2.100,3,1,13,,a01a5a0001,23\n"
-      "192.0.2.1,3,0,3,,a01a5a0001,0\n192.0.2.100,3,1,3,,a01a5a0001,26\n"
-      "192.0.2.1,3,0,1,,a01a5a0001,0\n192.0.2.100,3,1,1,,a01a5a0001,7\n"
-      "192.0.2.1,3,0,2,,a01a5a0001,0\n192.0.2.100,3,1,2,,a01a5a0001,10\n";
+      "192.0.2.1,3,0,0,0,,0,1\n192.0.2.100,3,1,0,0,,24,1\n"
+      "192.0.2.1,3,0,13,,a01a5a0001,0,2\n192.0.2.100,3,1,13,,a01a5a0001,23,2\n"
+      "192.0.2.1,3,0,3,,a01a5a0001,0,3\n192.0.2.100,3,1,3,,a01a5a0001,26,3\n"
+      "192.0.2.1,3,0,1,,a01a5a0001,0,4\n192.0.2.100,3,1,1,,a01a5a0001,7,4\n"
+      "192.0.2.1,3,0,2,,a01a5a0001,0,5\n192.0.2.100,3,1,2,,a01a5a0001,10,5\n";
   EXPECT_EQ(r.out, expected);
 }
 
