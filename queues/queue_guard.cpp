@@ -11,6 +11,19 @@ constinit QueueGuard g_transmit_guards[kPortCount];
 constinit QueueGuard g_receive_guards[kAppCount];
 constinit QueueGuard g_pending_guard;
 
+// Where application threads wait for a guard: one mutex and condition for all guards, since
+// waits are rare and short. The waits do not use std::atomic::wait: some standard libraries
+// (MinGW's among them) lose its wake-ups, and a client would then wait for ever on a free queue.
+struct Parking {
+  std::mutex mutex;
+  std::condition_variable released;
+};
+
+Parking &Park() {
+  static Parking parking;
+  return parking;
+}
+
 std::uintptr_t ThisThreadTag() {
   static thread_local char tag;
   return reinterpret_cast<std::uintptr_t>(&tag);
@@ -27,7 +40,13 @@ void QueueGuard::Acquire() {
       owner_.store(me, std::memory_order_release);
       return;
     }
-    held_.wait(1, std::memory_order_relaxed);
+    Parking &park = Park();
+    std::unique_lock<std::mutex> lock(park.mutex);
+    // Counted before the look at held_, and Release looks at the count after freeing it (both
+    // sequentially consistent): either this thread sees the guard free or the release wakes it.
+    waiters_.fetch_add(1);
+    park.released.wait(lock, [this] { return held_.load() == 0; });
+    waiters_.fetch_sub(1);
   }
 }
 
@@ -40,8 +59,12 @@ bool QueueGuard::TryAcquire() {
 
 void QueueGuard::Release() {
   owner_.store(0, std::memory_order_release);
-  held_.store(0, std::memory_order_release);
-  held_.notify_all();
+  held_.store(0);
+  if (waiters_.load() == 0) return;
+  Parking &park = Park();
+  // Under the mutex: a waiter between its look at held_ and its sleep cannot miss this.
+  std::lock_guard<std::mutex> lock(park.mutex);
+  park.released.notify_all();
 }
 
 QueueGuard *GuardOf(const typQueue *queue) {

@@ -8,7 +8,9 @@
 #define VELMORA_QUEUES_QUEUE_GUARD_H
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 
 #include "velmora.h"
 
@@ -25,6 +27,9 @@ class QueueGuard {
  private:
   std::atomic<uint32_t> held_{0};
   std::atomic<std::uintptr_t> owner_{0};
+  // Threads waiting in Acquire. A release takes the mutex only when there are some, so the
+  // worker's give-back stays a pair of stores in the common case.
+  std::atomic<uint32_t> waiters_{0};
 };
 
 // The guard of a table queue; null for a queue the client made itself.

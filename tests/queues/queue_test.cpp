@@ -4,8 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <thread>
+#include <vector>
 
 #include "queues/delivery.h"
 #include "queues/queue_guard.h"
@@ -59,24 +63,51 @@ TEST(QueueTest, RemovalKeepsOrderLinksAndTheLimitOf999) {
   }
 }
 
-// Two application threads on one queue: the guard lets one in at a time, and its holder again.
-TEST(QueueTest, GuardLetsOneClientThreadInAtATime) {
+// Client threads on one queue, with a worker that only ever tries it: the guard lets one in at a
+// time and its holder again, and every release wakes a waiting client (a lost wake-up leaves a
+// client waiting for ever on a free queue: the test then ends the program rather than hang).
+TEST(QueueTest, GuardLetsOneThreadInAtATimeAndWakesEveryWaiter) {
   typQueue &queue = TransmitQueues[30];
-  std::atomic<unsigned int> inside{0}, overlaps{0}, started{0};
+  constexpr unsigned int kClients = 3, kRounds = 2000, kKept = 300;  // a queue keeps 999
+  std::atomic<unsigned int> inside{0}, overlaps{0}, started{0}, clients_done{0}, worker_takes{0};
+  auto enter = [&] {
+    overlaps += inside.fetch_add(1) != 0;
+    std::this_thread::yield();
+    inside.fetch_sub(1);
+  };
   auto client = [&](unsigned int first) {
-    for (started.fetch_add(1); started.load() < 2;) std::this_thread::yield();
-    for (unsigned int i = first; i < first + 300; ++i) {
+    for (started.fetch_add(1); started.load() < kClients + 1;) std::this_thread::yield();
+    for (unsigned int i = first; i < first + kRounds; ++i) {
       LockQueue(&queue);
       LockQueue(&queue);  // the holder takes it again without waiting
-      overlaps += inside.fetch_add(1) != 0;
-      Append(queue, i);
-      std::this_thread::yield();
-      inside.fetch_sub(1);
+      enter();
+      if (i < first + kKept) Append(queue, i);
       UnlockQueue(&queue);
     }
+    clients_done.fetch_add(1);
   };
-  { std::jthread a(client, 0), b(client, 1000); }
-  EXPECT_EQ(Words({overlaps.load(), static_cast<unsigned int>(Walk(queue).size())}), (Words{0, 600}));
+  auto worker = [&] {
+    for (started.fetch_add(1); started.load() < kClients + 1;) std::this_thread::yield();
+    while (clients_done.load() < kClients) {
+      if (!TryTakeQueue(&queue)) continue;
+      enter();
+      worker_takes.fetch_add(1);
+      GiveQueue(&queue);
+    }
+  };
+  std::vector<std::thread> threads;
+  for (unsigned int c = 0; c < kClients; ++c) threads.emplace_back(client, c * 10000);
+  threads.emplace_back(worker);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+  while (clients_done.load() < kClients && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  if (clients_done.load() < kClients) {
+    std::fprintf(stderr, "a client still waits on the queue guard after 120 s\n");
+    std::_Exit(1);
+  }
+  for (std::thread &t : threads) t.join();
+  EXPECT_EQ(Words({overlaps.load(), static_cast<unsigned int>(Walk(queue).size())}), (Words{0, kClients * kKept}));
+  EXPECT_GT(worker_takes.load(), 0u);
   fncDeleteQueue(&queue);
 }
 
