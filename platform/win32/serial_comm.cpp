@@ -24,9 +24,10 @@ class CommLine final : public SerialLine {
     wait_.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
   }
   ~CommLine() override {
-    // A pending event wait or write still points at this object's records: end them first.
+    // A pending event wait or write still points at this object's records: end them first, from
+    // whichever thread closes.
     SetCommMask(handle_, 0);
-    CancelIo(handle_);
+    CancelIoEx(handle_, nullptr);  // the worker that started them may have ended
     DWORD ignored;
     if (wait_pending_) GetOverlappedResult(handle_, &wait_, &ignored, TRUE);
     if (write_pending_) GetOverlappedResult(handle_, &write_, &ignored, TRUE);
