@@ -1,6 +1,9 @@
 // Queue guards, one per table queue, found by the queue's address.
 #include "queues/queue_guard.h"
 
+#include <condition_variable>
+#include <mutex>
+
 #include "tables/port_wake.h"
 #include "tables/tables.h"
 

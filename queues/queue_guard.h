@@ -8,9 +8,7 @@
 #define VELMORA_QUEUES_QUEUE_GUARD_H
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 
 #include "velmora.h"
 
