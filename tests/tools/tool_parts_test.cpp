@@ -208,13 +208,5 @@ TEST(DeviceReadsTest, RepliesDecodedAndShortOnesRefused) {
   EXPECT_FALSE(ParseLongAddress("261A5A0001x", address));
 }
 
-TEST(FrameViewTest, ResponseCodesAndStatusSpelledOut) {
-  EXPECT_EQ(ResponseCodeText(0x88), "the device heard a damaged request: checksum error");
-  EXPECT_NE(ResponseCodeText(8).find("warning"), std::string::npos);
-  EXPECT_NE(ResponseCodeText(9).find("error"), std::string::npos);
-  EXPECT_EQ(DeviceStatusBits(0x00).size(), 0u);
-  EXPECT_EQ(DeviceStatusBits(0x41), (std::vector<std::string>{"configuration changed", "primary variable out of limits"}));
-}
-
 }  // namespace
 }  // namespace velmora::tool
